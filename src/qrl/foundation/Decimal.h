@@ -1,0 +1,45 @@
+// qrl::Decimal: an exact base-ten number of up to 38 significant digits with
+// an exponent from -128 to 127, as JSON reals are read.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace qrl {
+
+class Decimal {
+public:
+    static constexpr int kMaxDigits = 38;
+    static constexpr int kMinExponent = -128;
+    static constexpr int kMaxExponent = 127;
+
+    Decimal() = default;  // zero
+    static Decimal fromInt64(int64_t v);
+    // Parses [-]digits[.digits][(e|E)[+-]digits]. More than 38 significant
+    // digits are rounded half to even; a result whose exponent does not fit
+    // in -128..127 (after normalising), or text that is not a number, gives
+    // nullopt.
+    static std::optional<Decimal> parse(std::string_view text);
+
+    bool isNegative() const { return negative_; }
+    bool isZero() const { return mantissa_ == 0; }
+    unsigned __int128 mantissa() const { return mantissa_; }
+    int exponent() const { return exponent_; }
+
+    double toDouble() const;
+    // Plain notation, never an exponent letter: "-0.00125", "1200000", "0".
+    std::string toString() const;
+
+    // Numeric comparison (1.0 == 1.00; -0 == 0).
+    friend bool operator==(const Decimal& a, const Decimal& b);
+    friend bool operator<(const Decimal& a, const Decimal& b);
+
+private:
+    unsigned __int128 mantissa_ = 0;
+    int exponent_ = 0;
+    bool negative_ = false;
+};
+
+}  // namespace qrl
