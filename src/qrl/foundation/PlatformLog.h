@@ -1,0 +1,27 @@
+// The platform log: one line on standard error, stamped with the local time,
+// program name, process and thread ids. For messages that must not depend on
+// the log engine (start-up notices, internal faults).
+#pragma once
+
+#include <functional>
+#include <string>
+#include <string_view>
+
+#include "qrl/foundation/Format.h"
+
+namespace qrl {
+
+// Writes "2026-11-21 18:43:55.123 prog[pid:tid] message\n" with a single write(2).
+void platformLog(std::string_view message);
+
+template <class... Args>
+void platformLogFormat(std::string_view format, const Args&... args) {
+    platformLog(qrl::format(format, args...));
+}
+
+// Redirects platformLog (tests); an empty writer restores standard error.
+// Returns the previous writer. The writer receives the bare message.
+using PlatformLogWriter = std::function<void(std::string_view message)>;
+PlatformLogWriter setPlatformLogWriter(PlatformLogWriter writer);
+
+}  // namespace qrl

@@ -1,0 +1,59 @@
+#!/usr/bin/env bash
+# End-to-end checks of qrl-record: bad options fail with status 2 and leave
+# no movie behind; a good run writes a constant-rate movie whose frame count
+# matches the time line, and one timeline row per arrival.
+set -u
+prog=$1
+work=$(mktemp -d)
+trap 'chmod -R u+w "$work"; rm -rf "$work"' EXIT
+fail() { echo "FAIL: $*" >&2; exit 1; }
+
+expect_usage_error() {
+  local out=$work/bad
+  "$prog" --out "$out" "$@" >/dev/null 2>"$work/err"
+  local rc=$?
+  [ $rc -eq 2 ] || fail "qrl-record $* exited $rc, expected 2"
+  grep -q "qrl-record: " "$work/err" || fail "qrl-record $* printed no reason"
+  [ ! -e "$out/movie.y4m" ] || fail "qrl-record $* left a movie"
+}
+expect_usage_error --fps 0
+expect_usage_error --fps -5
+expect_usage_error --fps abc
+expect_usage_error --fps nan
+expect_usage_error --fps 30x
+expect_usage_error --seconds 0
+expect_usage_error --platform x11
+expect_usage_error --size 17x9
+expect_usage_error --bogus
+expect_usage_error --fps
+
+mkdir -p "$work/locked" && chmod a-w "$work/locked"
+if [ "$(id -u)" -ne 0 ]; then
+  "$prog" --out "$work/locked/out" >/dev/null 2>"$work/err"; rc=$?
+  [ $rc -eq 2 ] || fail "unwritable folder: exited $rc, expected 2"
+fi
+touch "$work/file"
+"$prog" --out "$work/file" >/dev/null 2>"$work/err"; rc=$?
+[ $rc -eq 2 ] || fail "output path that is a file: exited $rc, expected 2"
+
+for fps in 15 29.97 59.94; do
+  out=$work/run-$fps
+  "$prog" --seconds 3 --fps $fps --size 64x36 --out "$out" --seed 7 >"$work/summary" 2>/dev/null || fail "run at $fps failed"
+  [ -s "$out/movie.y4m" ] || fail "no movie at $fps"
+  [ ! -e "$out/movie.y4m.partial" ] || fail "temporary movie left at $fps"
+  header=$(head -c 200 "$out/movie.y4m" | head -n 1)
+  case "$header" in YUV4MPEG2\ W64\ H36\ F*) ;; *) fail "bad header '$header'";; esac
+  frame=$((64 * 36 * 3 / 2 + 6))
+  size=$(stat -c %s "$out/movie.y4m")
+  frames=$(( (size - ${#header} - 1) / frame ))
+  [ $(( (size - ${#header} - 1) % frame )) -eq 0 ] || fail "movie size is not whole frames at $fps"
+  steps=$(awk -F, 'NR > 1 && $3 == 1 { s += $5 } END { print s }' "$out/timeline.csv")
+  [ "$frames" -eq "$steps" ] || fail "movie has $frames frames, time line $steps steps at $fps"
+  arrived=$(awk '/arrived/ { print $2 }' "$work/summary")
+  rows=$(( $(wc -l < "$out/timeline.csv") - 1 ))
+  [ "$arrived" -eq "$rows" ] || fail "$arrived arrivals, $rows rows at $fps"
+  # Kept frames abut: each starts where the previous one ended.
+  awk -F, -v fps=$fps 'NR > 1 && $3 == 1 { if (n++ && $4 != end) { print "gap at row " NR; exit 1 } end = $4 + $5 * d }
+       BEGIN { d = (fps == 29.97) ? 1001 : (fps == 59.94 ? 99 : 100) }' "$out/timeline.csv" || fail "time line has a gap at $fps"
+done
+echo "qrl-record CLI: all checks passed"

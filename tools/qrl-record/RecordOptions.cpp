@@ -1,0 +1,112 @@
+#include "RecordOptions.h"
+
+#include <cerrno>
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <string_view>
+
+namespace qrl::record {
+
+namespace {
+
+bool parseNumber(const std::string& text, double& out) {
+    if (text.empty()) return false;
+    errno = 0;
+    char* end = nullptr;
+    out = std::strtod(text.c_str(), &end);
+    return errno == 0 && end && *end == '\0' && std::isfinite(out);
+}
+
+}  // namespace
+
+const char* recordUsage() {
+    return "usage: qrl-record [--seconds S] [--fps R] [--out DIR] [--platform sim] [--size WxH] [--seed N] [--realtime]\n"
+           "\n"
+           "Records a moving test pattern from a virtual display whose frames arrive at\n"
+           "irregular times, places every frame on the movie's time line, and writes\n"
+           "DIR/movie.y4m (constant rate) and DIR/timeline.csv (one row per arrival).\n"
+           "\n"
+           "  --seconds S    length of the recording in seconds (default 10)\n"
+           "  --fps R        movie frame rate, e.g. 15, 23.976, 29.97, 30, 60 (default 30)\n"
+           "  --out DIR      output folder, made if missing (default qrl-record-out)\n"
+           "  --platform P   display platform; only 'sim' (the simulated display) for now\n"
+           "  --size WxH     picture size, even numbers from 16x16 to 3840x2160 (default 320x180)\n"
+           "  --seed N       seed of the arrival pattern (default 1)\n"
+           "  --realtime     pace the recording to the wall clock instead of running flat out\n";
+}
+
+std::optional<RecordOptions> parseRecordOptions(int argc, char** argv, std::string& error) {
+    RecordOptions o;
+    auto fail = [&error](std::string reason) -> std::optional<RecordOptions> {
+        error = std::move(reason);
+        return std::nullopt;
+    };
+    for (int i = 1; i < argc; ++i) {
+        std::string arg = argv[i];
+        std::string value;
+        bool hasValue = false;
+        if (const auto eq = arg.find('='); arg.rfind("--", 0) == 0 && eq != std::string::npos) {
+            value = arg.substr(eq + 1);
+            arg = arg.substr(0, eq);
+            hasValue = true;
+        }
+        auto needValue = [&]() -> bool {
+            if (hasValue) return true;
+            if (i + 1 >= argc) {
+                fail(arg + " needs a value");
+                return false;
+            }
+            value = argv[++i];
+            return true;
+        };
+        if (arg == "--help" || arg == "-h") {
+            o.help = true;
+        } else if (arg == "--realtime") {
+            o.realtime = true;
+        } else if (arg == "--seconds") {
+            double v = 0;
+            if (!needValue()) return std::nullopt;
+            if (!parseNumber(value, v)) return fail("--seconds must be a number, got '" + value + "'");
+            if (v <= 0 || v > 86400) return fail("--seconds must be above 0 and at most 86400, got '" + value + "'");
+            o.seconds = v;
+        } else if (arg == "--fps") {
+            double v = 0;
+            if (!needValue()) return std::nullopt;
+            if (!parseNumber(value, v)) return fail("--fps must be a number, got '" + value + "'");
+            if (v <= 0) return fail("--fps must be a positive rate, got '" + value + "'");
+            if (v < 0.6 || v > 1000) return fail("--fps must be between 0.6 and 1000 frames per second, got '" + value + "'");
+            o.fps = static_cast<float>(v);
+        } else if (arg == "--out") {
+            if (!needValue()) return std::nullopt;
+            if (value.empty()) return fail("--out needs a folder name");
+            o.out = value;
+        } else if (arg == "--platform") {
+            if (!needValue()) return std::nullopt;
+            if (value != "sim")
+                return fail("platform '" + value + "' is not available; the only platform is 'sim' (the simulated display)");
+            o.platform = value;
+        } else if (arg == "--size") {
+            if (!needValue()) return std::nullopt;
+            int w = 0, h = 0;
+            char tail = 0;
+            if (std::sscanf(value.c_str(), "%dx%d%c", &w, &h, &tail) != 2 || w < 16 || h < 16 || w > 3840 ||
+                h > 2160 || w % 2 || h % 2)
+                return fail("--size must be WxH with even numbers from 16x16 to 3840x2160, got '" + value + "'");
+            o.width = w;
+            o.height = h;
+        } else if (arg == "--seed") {
+            if (!needValue()) return std::nullopt;
+            errno = 0;
+            char* end = nullptr;
+            const unsigned long long v = std::strtoull(value.c_str(), &end, 10);
+            if (value.empty() || errno || *end || value[0] == '-') return fail("--seed must be a whole number, got '" + value + "'");
+            o.seed = v;
+        } else {
+            return fail("unknown option '" + std::string(argv[i]) + "'");
+        }
+    }
+    return o;
+}
+
+}  // namespace qrl::record

@@ -1,0 +1,32 @@
+// A moving test picture in planar Y'CbCr 4:2:0: colour bars, a box that
+// sweeps across with time, and the frame number and capture time burnt in.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace qrl::record {
+
+class TestPattern {
+public:
+    TestPattern(int width, int height);
+
+    int width() const { return width_; }
+    int height() const { return height_; }
+    // Y plane, then Cb, then Cr (each chroma plane a quarter of Y).
+    const std::vector<uint8_t>& planes() const { return planes_; }
+
+    // Redraws the picture for frame `number` captured `seconds` into the recording.
+    void render(uint64_t number, double seconds);
+
+private:
+    void fillRect(int x, int y, int w, int h, uint8_t Y, uint8_t Cb, uint8_t Cr);
+    void drawText(int x, int y, int scale, const std::string& text, uint8_t Y);
+
+    int width_;
+    int height_;
+    std::vector<uint8_t> planes_;
+};
+
+}  // namespace qrl::record
