@@ -21,6 +21,11 @@ public:
     // digits are rounded half to even; a result whose exponent does not fit
     // in -128..127 (after normalising), or text that is not a number, gives
     // nullopt.
+    // Normalising strips trailing zeros into the exponent and, for a large
+    // exponent, moves zeros back into the mantissa while it has room. A value
+    // smaller than the range reaches (below 10^-128 in its last digit) is
+    // rounded half to even at 10^-128, and may come out as zero; the sign is
+    // kept ("-1e-200" reads as -0).
     static std::optional<Decimal> parse(std::string_view text);
 
     bool isNegative() const { return negative_; }
@@ -28,15 +33,27 @@ public:
     unsigned __int128 mantissa() const { return mantissa_; }
     int exponent() const { return exponent_; }
 
+    // Correctly rounded to the nearest double.
     double toDouble() const;
+    // Truncated toward zero, saturating at the 64-bit limits.
+    int64_t toInt64() const;
     // Plain notation, never an exponent letter: "-0.00125", "1200000", "0".
+    // A negative zero keeps its sign: "-0".
     std::string toString() const;
+    // toString(), so that %@ prints a decimal.
+    std::string description() const { return toString(); }
 
     // Numeric comparison (1.0 == 1.00; -0 == 0).
     friend bool operator==(const Decimal& a, const Decimal& b);
     friend bool operator<(const Decimal& a, const Decimal& b);
+    friend bool operator>(const Decimal& a, const Decimal& b) { return b < a; }
+    friend bool operator<=(const Decimal& a, const Decimal& b) { return !(b < a); }
+    friend bool operator>=(const Decimal& a, const Decimal& b) { return !(a < b); }
 
 private:
+    friend struct DecimalBuilder;
+    // Always normalised: mantissa below 10^38, no trailing zero unless the
+    // exponent is at its maximum; zero has exponent 0.
     unsigned __int128 mantissa_ = 0;
     int exponent_ = 0;
     bool negative_ = false;

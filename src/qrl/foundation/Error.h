@@ -15,6 +15,8 @@ inline constexpr std::string_view kUnderlyingErrorKey = "NSUnderlyingError";
 
 class Error : public Object {
 public:
+    // An underlying error given here is also stored in (a copy of) userInfo
+    // under kUnderlyingErrorKey; one found only there is taken as underlying.
     Error(std::string domain, int64_t code, std::shared_ptr<Dictionary> userInfo = nullptr,
           std::shared_ptr<const Error> underlying = nullptr);
     static std::shared_ptr<Error> make(std::string domain, int64_t code, std::string localizedDescription,
@@ -30,8 +32,11 @@ public:
     // "The operation couldn’t be completed. (<domain> error <code>.)".
     std::string localizedDescription() const;
     // "Error Domain=<domain> Code=<code> \"<localizedDescription>\"" and the
-    // user information, as the platform prints errors.
+    // user information, as the platform prints errors:
+    // ' UserInfo={key=value, NSUnderlyingError={Error Domain=...}}'.
     std::string description() const override;
+    // Equal when domain, code and user information are equal.
+    bool isEqual(const Object& other) const override;
 
 private:
     std::string domain_;

@@ -37,6 +37,8 @@ struct Date {
     int64_t nanosecondsSinceEpoch = 0;
     static Date now();
     double secondsSinceEpoch() const { return static_cast<double>(nanosecondsSinceEpoch) / 1e9; }
+    // "2001-01-01 00:00:00 +0000": UTC, whole seconds.
+    std::string description() const;
     friend bool operator==(const Date&, const Date&) = default;
     friend auto operator<=>(const Date&, const Date&) = default;
 };
@@ -55,6 +57,9 @@ public:
     Value(unsigned v) : v_(static_cast<int64_t>(v)) {}
     Value(long v) : v_(static_cast<int64_t>(v)) {}
     Value(long long v) : v_(static_cast<int64_t>(v)) {}
+    // Unsigned 64-bit values above the signed range are kept exactly as decimals.
+    Value(unsigned long v);
+    Value(unsigned long long v);
     Value(double d) : v_(d) {}
     Value(qrl::Decimal d) : v_(d) {}
     Value(const char* s);  // null pointer gives a null Value
@@ -117,9 +122,13 @@ public:
 
     // The platform's description: strings as they are, integers in decimal,
     // reals in their shortest round-trip form, booleans as 1 and 0, null as
-    // "(null)", data as "<0a1b 2c3d>", arrays and dictionaries in the
+    // "(null)", data as "<0a1b2c3d 4e>", arrays and dictionaries in the
     // old property-list style ("(\n    1,\n    2\n)", "{\n    a = 1;\n}"),
-    // objects by their description().
+    // objects by their description(). Dates read "2001-01-01 00:00:00 +0000"
+    // (UTC). Inside a container, strings (keys too) are quoted when they are
+    // empty or hold anything but ASCII letters, digits and '_', with '"', '\\'
+    // and control characters escaped; dates are quoted; null is "<null>";
+    // nested containers open on the key's line and indent by four spaces.
     std::string description() const;
 
     // Dictionary and array conveniences: a null Value when absent or when
@@ -161,6 +170,7 @@ public:
     void set(std::string key, Value value);
     bool remove(std::string_view key);              // false when absent
     void clear();
+    void reserve(size_t count) { entries_.reserve(count); }
 
     // Keys and entries in insertion order.
     std::vector<std::string> keys() const;
@@ -176,6 +186,11 @@ private:
     std::vector<std::pair<std::string, Value>> entries_;
     struct Index;
     std::shared_ptr<Index> index_;  // owned; null while small
+
+    static constexpr size_t kIndexThreshold = 8;  // linear scan up to this many entries
+    static constexpr size_t npos = static_cast<size_t>(-1);
+    size_t indexOf(std::string_view key) const;  // npos when absent
+    void rebuildIndex();
 };
 
 }  // namespace qrl

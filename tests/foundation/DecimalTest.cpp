@@ -1,0 +1,175 @@
+#include "qrl/foundation/Decimal.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <charconv>
+#include <cmath>
+#include <cstdlib>
+#include <limits>
+#include <random>
+
+namespace qrl {
+namespace {
+
+std::string roundTrip(std::string_view text) {
+    const auto d = Decimal::parse(text);
+    return d ? d->toString() : "nullopt";
+}
+
+TEST(DecimalTest, ParsesAndPrintsInPlainNotation) {
+    const std::pair<const char*, const char*> rows[] = {
+        {"0", "0"},
+        {"-0.0", "-0"},
+        {"000.000e5", "0"},
+        {"1.50", "1.5"},
+        {"1.2e6", "1200000"},
+        {"-0.00125", "-0.00125"},
+        {"-1.25e-3", "-0.00125"},
+        {"12345.6789", "12345.6789"},
+        {"007", "7"},
+        {"1E+2", "100"},
+        {"100e-2", "1"},
+        {"0.1e1", "1"},
+        {"9223372036854775808", "9223372036854775808"},
+        {"-170141183460469231731687303715884105728", "-170141183460469231731687303715884105730"},
+    };
+    for (const auto& [in, out] : rows) EXPECT_EQ(roundTrip(in), out) << in;
+}
+
+TEST(DecimalTest, RefusesTextThatIsNotANumber) {
+    for (const char* bad : {"", "-", "+1", "1.", ".5", "1e", "1e+", "e5", "abc", "1 ", " 1", "0x10", "1e5.0", "1..2",
+                            "--1", "1-", "inf", "NaN", "1,5"}) {
+        EXPECT_FALSE(Decimal::parse(bad).has_value()) << '"' << bad << '"';
+    }
+}
+
+TEST(DecimalTest, RoundsHalfToEvenBeyond38Digits) {
+    const std::string d38 = "12345678901234567890123456789012345678";
+    EXPECT_EQ(roundTrip(d38), d38);
+    EXPECT_EQ(Decimal::parse(d38)->exponent(), 0);
+    // 39 digits: the 39th decides; an exact half goes to the even neighbour.
+    EXPECT_EQ(roundTrip(d38 + "5"), "123456789012345678901234567890123456780");
+    EXPECT_EQ(roundTrip("12345678901234567890123456789012345677" "5"), "123456789012345678901234567890123456780");
+    EXPECT_EQ(roundTrip(d38 + "4"), "123456789012345678901234567890123456780");
+    EXPECT_EQ(roundTrip(d38 + "6"), "123456789012345678901234567890123456790");
+    // 48 digits: a non-zero digit far behind the half breaks the tie upward.
+    EXPECT_EQ(roundTrip(d38 + "5000000001"), "12345678901234567890123456789012345679" + std::string(10, '0'));
+    EXPECT_EQ(roundTrip(d38 + "5000000000"), d38 + std::string(10, '0'));
+    EXPECT_EQ(roundTrip("0." + d38 + "5"), "0." + d38);
+    // Rounding that carries into a 39th digit.
+    EXPECT_EQ(roundTrip(std::string(38, '9') + ".5"), "1" + std::string(38, '0'));
+    // Leading zeros are not significant.
+    EXPECT_EQ(roundTrip("0.000" + d38 + "9"), "0.000" + d38.substr(0, 37) + "9");
+}
+
+TEST(DecimalTest, PlacesDigitsWithinTheExponentRange) {
+    EXPECT_EQ(Decimal::parse("1e127")->exponent(), 127);
+    const auto shifted = Decimal::parse("1e128");  // one zero moves back into the mantissa
+    ASSERT_TRUE(shifted);
+    EXPECT_EQ(shifted->exponent(), 127);
+    EXPECT_EQ(static_cast<uint64_t>(shifted->mantissa()), 10u);
+    EXPECT_TRUE(Decimal::parse("1e164"));
+    EXPECT_TRUE(Decimal::parse("9.9999999999999999999999999999999999999e164"));
+    EXPECT_FALSE(Decimal::parse("1e165"));
+    EXPECT_FALSE(Decimal::parse("12e164"));
+    EXPECT_FALSE(Decimal::parse("1e99999999999999999999999"));
+    EXPECT_TRUE(Decimal::parse("0e99999999999999999999999")->isZero());
+    EXPECT_EQ(Decimal::parse("1e-128")->exponent(), -128);
+    EXPECT_EQ(roundTrip("1e-128"), "0." + std::string(127, '0') + "1");
+    // Below 10^-128 the last digit is rounded half to even; a value that
+    // rounds away entirely is zero, with its sign.
+    EXPECT_EQ(*Decimal::parse("6e-129"), *Decimal::parse("1e-128"));
+    EXPECT_EQ(*Decimal::parse("15e-129"), *Decimal::parse("2e-128"));
+    EXPECT_EQ(*Decimal::parse("25e-129"), *Decimal::parse("2e-128"));
+    EXPECT_EQ(*Decimal::parse("123e-130"), *Decimal::parse("1e-128"));
+    EXPECT_TRUE(Decimal::parse("5e-129")->isZero());
+    const auto tiny = Decimal::parse("-1e-200");
+    ASSERT_TRUE(tiny);
+    EXPECT_TRUE(tiny->isZero());
+    EXPECT_TRUE(tiny->isNegative());
+    EXPECT_EQ(tiny->toString(), "-0");
+    EXPECT_TRUE(Decimal::parse("1e-99999999999999999999")->isZero());
+}
+
+TEST(DecimalTest, ToDoubleIsCorrectlyRounded) {
+    std::mt19937_64 rng(99);
+    for (int i = 0; i < 20000; ++i) {
+        // A random 1..17-digit decimal with an exponent well inside both ranges.
+        const int digits = 1 + static_cast<int>(rng() % 17);
+        std::string text = (rng() & 1) ? "-" : "";
+        text += static_cast<char>('1' + rng() % 9);
+        for (int k = 1; k < digits; ++k) text += static_cast<char>('0' + rng() % 10);
+        text += "e" + std::to_string(static_cast<int>(rng() % 250) - 125);
+        const auto d = Decimal::parse(text);
+        ASSERT_TRUE(d) << text;
+        ASSERT_EQ(d->toDouble(), std::strtod(text.c_str(), nullptr)) << text;
+    }
+    // Every double's shortest form reads back to the same double.
+    for (int i = 0; i < 20000; ++i) {
+        double v = std::ldexp(static_cast<double>(rng() >> 11), static_cast<int>(rng() % 600) - 350);
+        if (rng() & 1) v = -v;
+        char buf[64];
+        const auto end = std::to_chars(buf, buf + sizeof buf, v, std::chars_format::scientific).ptr;
+        const auto d = Decimal::parse(std::string_view(buf, static_cast<size_t>(end - buf)));
+        if (!d) continue;  // beyond the decimal's range
+        ASSERT_EQ(d->toDouble(), v) << std::string(buf, end);
+    }
+    EXPECT_TRUE(std::signbit(Decimal::parse("-0")->toDouble()));
+    EXPECT_EQ(Decimal::parse("0.1")->toDouble(), 0.1);
+    EXPECT_EQ(Decimal::parse("9007199254740993")->toDouble(), 9007199254740992.0);
+}
+
+TEST(DecimalTest, ComparesNumerically) {
+    EXPECT_EQ(*Decimal::parse("1.0"), *Decimal::parse("1.00"));
+    EXPECT_EQ(*Decimal::parse("-0"), *Decimal::parse("0"));
+    EXPECT_FALSE(*Decimal::parse("-0") < *Decimal::parse("0"));
+    EXPECT_EQ(Decimal::fromInt64(1200), *Decimal::parse("1.2e3"));
+    EXPECT_EQ(Decimal::fromInt64(0), Decimal());
+    // Order agrees with the order of doubles for generated values that are
+    // exactly representable both ways.
+    std::mt19937_64 rng(5);
+    std::vector<std::pair<Decimal, double>> values;
+    for (int i = 0; i < 400; ++i) {
+        const int64_t m = static_cast<int64_t>(rng() % 2000001) - 1000000;
+        const int e = static_cast<int>(rng() % 7) - 3;  // m x 2^e is exact in decimal too
+        const double v = std::ldexp(static_cast<double>(m), e);
+        char buf[64];
+        const auto end = std::to_chars(buf, buf + sizeof buf, v, std::chars_format::fixed).ptr;
+        values.emplace_back(*Decimal::parse(std::string_view(buf, static_cast<size_t>(end - buf))), v);
+    }
+    for (const auto& [a, x] : values)
+        for (size_t k = 0; k < 20; ++k) {
+            const auto& [b, y] = values[rng() % values.size()];
+            ASSERT_EQ(a < b, x < y) << a.toString() << " < " << b.toString();
+            ASSERT_EQ(a == b, x == y) << a.toString() << " == " << b.toString();
+            ASSERT_EQ(a >= b, x >= y);
+        }
+    const std::string big = "1" + std::string(37, '0');
+    EXPECT_LT(*Decimal::parse(big), *Decimal::parse(big + "1"));
+    EXPECT_LT(*Decimal::parse("-1e10"), *Decimal::parse("-9e9"));
+}
+
+TEST(DecimalTest, IntegerConversionsTruncateAndSaturate) {
+    const int64_t kMax = std::numeric_limits<int64_t>::max();
+    const int64_t kMin = std::numeric_limits<int64_t>::min();
+    EXPECT_EQ(Decimal::fromInt64(kMin).toString(), "-9223372036854775808");
+    EXPECT_EQ(Decimal::fromInt64(kMin).toInt64(), kMin);
+    EXPECT_EQ(Decimal::fromInt64(kMax).toInt64(), kMax);
+    EXPECT_EQ(Decimal::parse("-9223372036854775809")->toInt64(), kMin);
+    EXPECT_EQ(Decimal::parse("9223372036854775808")->toInt64(), kMax);
+    EXPECT_EQ(Decimal::parse("-42.99")->toInt64(), -42);
+    EXPECT_EQ(Decimal::parse("0.999")->toInt64(), 0);
+    EXPECT_EQ(Decimal::parse("1e100")->toInt64(), kMax);
+    EXPECT_EQ(Decimal::parse("-1e-100")->toInt64(), 0);
+    std::mt19937_64 rng(3);
+    for (int i = 0; i < 2000; ++i) {
+        const auto v = static_cast<int64_t>(rng());
+        const Decimal d = Decimal::fromInt64(v);
+        ASSERT_EQ(d.toInt64(), v);
+        ASSERT_EQ(*Decimal::parse(d.toString()), d);
+    }
+}
+
+}  // namespace
+}  // namespace qrl
