@@ -1,0 +1,129 @@
+#include "qrl/video/OpenGLGraphics.h"
+
+#include <gtest/gtest.h>
+
+#include "qrl/foundation/Exception.h"
+#include "video/VideoTestSupport.h"
+
+namespace qrl {
+namespace {
+
+using test::simDisplay;
+using test::simRenderer;
+
+class OpenGLGraphicsTest : public test::SimVideoFixture {
+protected:
+    void SetUp() override {
+        OpenGLGraphics::reset();
+        displays_->setDisplays({simDisplay(1, NSMakeRect(0, 0, 1440, 900), 1.0f, 1),
+                                simDisplay(9, NSMakeRect(1440, 0, 800, 600), 1.0f, 16)});
+        renderers_->setRenderers({simRenderer(0x100, 1, true, "Card One"), simRenderer(0x200, 16, false)});
+    }
+    void TearDown() override { OpenGLGraphics::reset(); }
+};
+
+TEST_F(OpenGLGraphicsTest, ScreenInfo) {
+    EXPECT_EQ(OpenGLGraphics::infoForScreen(nullptr), "<screen is nil>");
+    const auto screen = NSScreen::screens().at(0);
+    const std::string info = OpenGLGraphics::infoForScreen(screen.get());
+    EXPECT_EQ(info.rfind("  NSScreenNumber = 1\r\n  NSDeviceSize = {1440, 900}\r\n", 0), 0u) << info;
+    EXPECT_EQ(info.substr(info.size() - 2), "\r\n");
+}
+
+TEST_F(OpenGLGraphicsTest, NoAcceleratedRendererRaisesWithBothScreens) {
+    try {
+        OpenGLGraphics::setupOpenGLContext(9);
+        FAIL() << "expected NoAcceleratedRenderer";
+    } catch (const Exception& e) {
+        EXPECT_EQ(e.name(), "NoAcceleratedRenderer");
+        EXPECT_EQ(e.reason().rfind("Failed to get a pixel format for display 9. Details: {", 0), 0u) << e.reason();
+        EXPECT_NE(e.reason().find("Debug info: \r\nWanted display:\r\n  NSScreenNumber = 9\r\n"), std::string::npos);
+        EXPECT_NE(e.reason().find("\r\n\r\nMain display:\r\n  NSScreenNumber = 1\r\n"), std::string::npos);
+        EXPECT_NE(e.reason().find("matchedToScreen = 1;"), std::string::npos);
+    }
+    // The full-screen format was asked for with the display's mask.
+    EXPECT_TRUE(renderers_->counters().lastAskedFullScreen);
+    EXPECT_EQ(renderers_->counters().lastDisplayMask, 16u);
+    const auto lines = log_->lines();
+    std::vector<std::string> warnings;
+    for (const auto& l : lines) {
+        if (l.flag == kLogFlagWarning) warnings.push_back(l.text);
+    }
+    ASSERT_GE(warnings.size(), 7u);
+    EXPECT_EQ(warnings[0], "About to throw exception because we cannot get pixel format.");
+    EXPECT_EQ(warnings[1], " CGLChoosePixelFormat err = 0");
+    EXPECT_EQ(warnings[2], " Requesting display: 9");
+    EXPECT_EQ(warnings[3], " Requesting display mask: 16");
+    EXPECT_EQ(warnings[4], " Main display: 1");
+    EXPECT_EQ(warnings[5].rfind("Details for display ID 9, {", 0), 0u);
+    EXPECT_EQ(warnings[6].rfind("Debug info: \r\nWanted display:", 0), 0u);
+}
+
+TEST_F(OpenGLGraphicsTest, CardNamesAndTheCache) {
+    EXPECT_EQ(OpenGLGraphics::cardDescription(1), "Card One");
+    EXPECT_EQ(renderers_->counters().contextsCreated, 1);
+    EXPECT_EQ(renderers_->counters().contextsAlive, 0);  // the test context is gone again
+
+    // The main display's card is asked once, then cached until reset.
+    EXPECT_EQ(OpenGLGraphics::cardDescription(), "Card One");
+    EXPECT_EQ(OpenGLGraphics::cardDescription(), "Card One");
+    EXPECT_EQ(renderers_->counters().contextsCreated, 2);
+    EXPECT_EQ(OpenGLGraphics::cacheValueForKey(kGCardDescription), Value("Card One"));
+    OpenGLGraphics::reset();
+    EXPECT_EQ(OpenGLGraphics::cacheValueForKey(kGCardDescription), Value());
+    EXPECT_EQ(OpenGLGraphics::cardDescription(), "Card One");
+    EXPECT_EQ(renderers_->counters().contextsCreated, 3);
+
+    // A context that cannot be made answers "None"; one that names nothing raises.
+    SimRenderer failing = simRenderer(0x300, 1, true, "x");
+    failing.contextFails = true;
+    renderers_->setRenderers({failing});
+    EXPECT_EQ(OpenGLGraphics::cardDescription(1), "None");
+    SimRenderer nameless = simRenderer(0x300, 1);
+    nameless.cardName.reset();
+    renderers_->setRenderers({nameless});
+    EXPECT_THROW(OpenGLGraphics::cardDescription(1), Exception);
+
+    OpenGLGraphics::setCacheValue(Value(3), "k");
+    EXPECT_EQ(OpenGLGraphics::cacheValueForKey("k"), Value(3));
+    try {
+        OpenGLGraphics::setCacheValue(Value(), "k");
+        FAIL();
+    } catch (const Exception& e) {
+        EXPECT_EQ(e.name(), "NSInvalidArgumentException");
+    }
+    EXPECT_EQ(OpenGLGraphics::pixelFormatType(), 0x8035u);
+    EXPECT_FALSE(OpenGLGraphics::requiresColorCorrection());
+}
+
+TEST_F(OpenGLGraphicsTest, GLErrorsBecomeExceptions) {
+    EXPECT_NO_THROW(OpenGLGraphics::raiseForGlErrorGlError("code %ld", 0));
+    try {
+        OpenGLGraphics::raiseForGlErrorGlError("GL failed with %ld", 0x502);
+        FAIL();
+    } catch (const Exception& e) {
+        EXPECT_EQ(e.name(), "OpenGLPop");
+        EXPECT_EQ(e.reason(), "GL failed with 1282");
+    }
+    EXPECT_NO_THROW(OpenGLGraphics::raiseForGlErrorContext("%ld", nullptr));
+    auto context = OpenGLGraphics::setupOpenGLContext(1);
+    auto* sim = dynamic_cast<SimGLContext*>(context.get());
+    ASSERT_NE(sim, nullptr);
+    sim->pushError(0x500);
+    EXPECT_THROW(OpenGLGraphics::raiseForGlErrorContext("%ld", sim), Exception);
+    EXPECT_EQ(sim->lockCount(), 1);
+    EXPECT_NO_THROW(OpenGLGraphics::raiseForGlErrorContext("%ld", sim));  // read once, then clear
+
+    // The calling thread's current context.
+    GLContext::clearCurrent();
+    EXPECT_NO_THROW(OpenGLGraphics::raiseForGlError("%ld"));
+    ASSERT_TRUE(sim->makeCurrent());
+    EXPECT_EQ(GLContext::current(), sim);
+    sim->pushError(0x505);
+    EXPECT_THROW(OpenGLGraphics::raiseForGlError("%ld"), Exception);
+    context.reset();
+    EXPECT_EQ(GLContext::current(), nullptr);
+}
+
+}  // namespace
+}  // namespace qrl

@@ -1,0 +1,235 @@
+#include "qrl/video/x11/DisplayServerX11.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <regex>
+#include <sstream>
+#include <thread>
+
+#include "qrl/foundation/NotificationCenter.h"
+#include "qrl/foundation/RunLoop.h"
+#include "qrl/video/DisplaysProvider.h"
+#include "qrl/video/VideoPlatform.h"
+#include "qrl/video/egl/GraphicsDevicesEGL.h"
+#include "qrl/video/sim/GraphicsDevicesSim.h"
+#include "video/x11/X11TestSupport.h"
+
+// Under the thread sanitizer: once a connection is lost, Xlib's recovery
+// unlocks its own display lock after tearing it down, inside the call that
+// met the loss. That is Xlib's business, not a race of ours.
+extern "C" const char* __tsan_default_suppressions() { return "mutex:libX11.so.6\nmutex:libXrandr.so.2\n"; }
+
+namespace qrl {
+namespace {
+
+struct Layout {
+    const char* name;
+    int x, y, w, h;
+};
+// Four monitors on a 3840 by 2160 screen, A primary (X coordinates, y down).
+constexpr Layout kLayout[] = {
+    {"A", 0, 0, 1920, 1080}, {"B", 1920, 0, 1920, 1080}, {"C", 0, 1080, 1280, 1024}, {"D", 1280, 1080, 2560, 1080}};
+
+// Bottom-left, y-up points relative to A.
+NSRect flipped(int x, int y, int w, int h) { return NSMakeRect(x, 1080 - (y + h), w, h); }
+
+class DisplayServerX11Test : public ::testing::Test {
+protected:
+    void SetUp() override {
+        QRL_REQUIRE_XVFB(xvfb_);
+        ASSERT_TRUE(x_.loaded()) << "libX11/libXrandr could not be loaded";
+        client_ = std::make_unique<test::XClient>(x_, xvfb_.name());
+        ASSERT_TRUE(client_->open());
+        const RROutput screen = client_->output("screen");
+        for (const Layout& m : kLayout) {
+            client_->setMonitor(m.name, m.x, m.y, m.w, m.h, m.name[0] == 'A', m.name[0] == 'A' ? screen : 0);
+        }
+        std::string why;
+        server_ = DisplayServerX11::open(xvfb_.name().c_str(), center_, DisplayServerX11::Options{.watchSleep = false},
+                                         &why);
+        ASSERT_TRUE(server_) << why;
+        renderers_ = GraphicsDevicesEGL::open(&eglWhy_);
+        if (!renderers_) {
+            auto sim = std::make_shared<GraphicsDevicesSim>();
+            sim->setRenderers({SimRenderer{.rendererID = 1, .displayMask = 1}});
+            renderers_ = sim;
+        }
+        platform_ = std::make_unique<ScopedVideoPlatform>(server_, renderers_);
+    }
+    void TearDown() override {
+        platform_.reset();
+        server_.reset();
+        client_.reset();
+    }
+
+    test::Xvfb xvfb_;
+    test::XLib x_;
+    std::unique_ptr<test::XClient> client_;
+    NotificationCenter center_;
+    std::shared_ptr<DisplayServerX11> server_;
+    std::shared_ptr<GraphicsDevices> renderers_;
+    std::string eglWhy_;
+    std::unique_ptr<ScopedVideoPlatform> platform_;
+};
+
+TEST_F(DisplayServerX11Test, ProviderListMatchesTheServersMonitors) {
+    auto provider = DisplaysProvider::create(center_);
+    const auto maps = provider->metadataForAllConnectedDisplays();
+    ASSERT_EQ(maps.size(), 4u);
+    EXPECT_EQ(server_->mainDisplayID(), client_->atom("A"));
+    for (size_t i = 0; i < 4; ++i) {
+        const Layout& m = kLayout[i];
+        SCOPED_TRACE(m.name);
+        EXPECT_EQ(provider->displayIDForMetadata(maps[i]), client_->atom(m.name));  // the name atom, not an index
+        EXPECT_EQ(provider->displayRectForDisplayMetadata(maps[i]), flipped(m.x, m.y, m.w, m.h));
+        EXPECT_EQ(maps[i]->get("width"), Value(m.w));
+        EXPECT_EQ(maps[i]->get("origin.y"), Value(static_cast<int>(flipped(m.x, m.y, m.w, m.h).origin.y)));
+        EXPECT_EQ(maps[i]->get("displayMask"), Value(1));
+        EXPECT_EQ(maps[i]->get("canCreateContextOnCard"), Value(true));
+    }
+    EXPECT_FLOAT_EQ(DisplaysProvider::scaleFactorForDisplay(client_->atom("B")), 1.0f);
+    EXPECT_EQ(provider->allScreensFrameOrCapturedArea(), NSMakeRect(0, -1080, 3840, 2160));
+
+    // The same as the command-line tool reports.
+    const std::string xrandr = test::findProgram("xrandr");
+    if (xrandr.empty()) {
+        if (test::underCI()) FAIL() << "xrandr needed under CI";
+        GTEST_SKIP() << "xrandr is not installed";
+    }
+    const auto out = test::commandOutput("DISPLAY=" + xvfb_.name() + " " + xrandr + " --listmonitors");
+    ASSERT_TRUE(out);
+    std::istringstream lines(*out);
+    std::string line;
+    std::getline(lines, line);
+    EXPECT_EQ(line, "Monitors: 4");
+    const std::regex entry(R"(^\s*(\d+): [+]?([*]?)(\S+) (\d+)/\d+x(\d+)/\d+\+(-?\d+)\+(-?\d+).*)");
+    size_t i = 0;
+    while (std::getline(lines, line)) {
+        std::smatch m;
+        ASSERT_TRUE(std::regex_match(line, m, entry)) << line;
+        ASSERT_LT(i, maps.size());
+        EXPECT_EQ(provider->displayIDForMetadata(maps[i]), client_->atom(m[3].str().c_str()));
+        EXPECT_EQ(m[2].str() == "*", provider->displayIDForMetadata(maps[i]) == server_->mainDisplayID());
+        EXPECT_EQ(provider->displayRectForDisplayMetadata(maps[i]),
+                  flipped(std::stoi(m[6]), std::stoi(m[7]), std::stoi(m[4]), std::stoi(m[5])));
+        ++i;
+    }
+    EXPECT_EQ(i, 4u);
+}
+
+TEST_F(DisplayServerX11Test, DeletingAMonitorPostsTheChangeWithinTwoSeconds) {
+    auto provider = DisplaysProvider::create(center_);
+    int posts = 0;
+    const auto token = center_.addObserver(kDPNDisplayListChanged, nullptr, [&](const Notification&) { ++posts; });
+    const uint64_t batches = server_->changeBatches();
+    client_->deleteMonitor("D");
+    EXPECT_TRUE(RunLoop::main().runUntil([&] { return posts > 0; }, 2.0));
+    center_.removeObserver(token);
+    EXPECT_EQ(provider->displayCount(), 3);
+    EXPECT_GT(server_->changeBatches(), batches);  // seen as an event, not only by the tick
+    uint32_t online = 0;
+    EXPECT_EQ(server_->getOnlineDisplayCount(online), kCGErrorSuccess);
+    EXPECT_EQ(online, 3u);
+}
+
+TEST_F(DisplayServerX11Test, CardNameIsTheRendererOfAnIndependentContext) {
+    if (!std::dynamic_pointer_cast<GraphicsDevicesEGL>(renderers_)) {
+        if (test::underCI()) FAIL() << "EGL needed under CI: " << eglWhy_;
+        GTEST_SKIP() << "no EGL renderer: " << eglWhy_;
+    }
+    std::string why;
+    const auto expected = test::independentGLRenderer(&why);
+    ASSERT_TRUE(expected) << why;
+    auto provider = DisplaysProvider::create(center_);
+    const auto maps = provider->metadataForAllConnectedDisplays();
+    ASSERT_FALSE(maps.empty());
+    EXPECT_EQ(maps[0]->get("card"), Value(*expected));
+    const Value renderer = provider->renderIDForActiveDisplay(maps[0]);
+    EXPECT_NE(renderer.integerValue(), 0);
+    EXPECT_EQ(provider->cardNameForRendererID(renderer), *expected);
+    EXPECT_EQ(provider->activeDisplaysOnRenderer(renderer).size(), 4u);
+}
+
+TEST_F(DisplayServerX11Test, CaptureByOtherClientsWindowsAndTheScreenSaver) {
+    const CGDirectDisplayID a = client_->atom("A"), b = client_->atom("B"), c = client_->atom("C");
+    EXPECT_FALSE(server_->displayIsCaptured(b));
+    // An override-redirect window over all of B.
+    const Window cover = client_->window(1920, 0, 1920, 1080, true);
+    EXPECT_TRUE(server_->displayIsCaptured(b));
+    EXPECT_FALSE(server_->displayIsCaptured(a));
+    // ... unless it belongs to this process.
+    client_->setCardinal(cover, "_NET_WM_PID", static_cast<unsigned long>(::getpid()));
+    EXPECT_FALSE(server_->displayIsCaptured(b));
+    client_->setCardinal(cover, "_NET_WM_PID", static_cast<unsigned long>(::getpid()) + 1);
+    EXPECT_TRUE(server_->displayIsCaptured(b));
+    client_->destroy(cover);
+    EXPECT_FALSE(server_->displayIsCaptured(b));
+    // Part of the monitor is not enough.
+    const Window partial = client_->window(1921, 0, 1919, 1080, true);
+    EXPECT_FALSE(server_->displayIsCaptured(b));
+    client_->destroy(partial);
+    // A managed window counts once it is in the full-screen state.
+    const Window normal = client_->window(0, 1080, 1280, 1024, false);
+    EXPECT_FALSE(server_->displayIsCaptured(c));
+    client_->setFullScreenState(normal);
+    EXPECT_TRUE(server_->displayIsCaptured(c));
+
+    // Through the provider's monitoring.
+    auto provider = DisplaysProvider::create(center_);
+    EXPECT_TRUE(provider->monitorDisplayIDForCapture(c));
+    EXPECT_TRUE(provider->captured());
+    EXPECT_EQ(provider->allScreensFrameOrCapturedArea(), flipped(0, 1080, 1280, 1024));
+    client_->destroy(normal);
+    EXPECT_FALSE(provider->captured());
+
+    // The screen saver takes every display; activity ends it.
+    client_->screenSaver(ScreenSaverActive);
+    EXPECT_TRUE(server_->displayIsCaptured(a));
+    server_->updateSystemActivity(kUsrActivity);
+    EXPECT_FALSE(server_->displayIsCaptured(a));
+    EXPECT_FALSE(server_->displayIsCaptured(12345));  // not a monitor
+}
+
+TEST_F(DisplayServerX11Test, PointerInPointsAndWarpsInPixels) {
+    EXPECT_EQ(server_->moveCursorToPoint(client_->atom("B"), CGPointMake(10, 20)), kCGErrorSuccess);
+    EXPECT_EQ(server_->mouseLocation(), NSMakePoint(1930, 1060));
+    EXPECT_EQ(server_->moveCursorToPoint(client_->atom("D"), CGPointMake(0, 1079)), kCGErrorSuccess);
+    EXPECT_EQ(server_->mouseLocation(), NSMakePoint(1280, -1079));
+    EXPECT_EQ(server_->moveCursorToPoint(77, CGPointMake(0, 0)), kCGErrorIllegalArgument);
+    EXPECT_EQ(server_->moveCursorToPoint(client_->atom("A"), CGPointMake(1e12, 0)), kCGErrorIllegalArgument);
+    EXPECT_EQ(DisplaysProvider::displayIDForNSPoint(server_->mouseLocation()), client_->atom("D"));
+}
+
+TEST(DisplayServerX11Lifetime, LostServerIsReportedNotFatal) {
+    test::Xvfb xvfb("1024x768x24");
+    QRL_REQUIRE_XVFB(xvfb);
+    NotificationCenter center;
+    std::string why;
+    auto server = DisplayServerX11::open(xvfb.name().c_str(), center,
+                                         DisplayServerX11::Options{.watchSleep = true, .sleepBusAddress = "unix:path=/nonexistent"},
+                                         &why);
+    ASSERT_TRUE(server) << why;
+    std::vector<CGDirectDisplayID> ids;
+    EXPECT_EQ(server->getActiveDisplayList(32, ids), kCGErrorSuccess);
+    EXPECT_EQ(ids.size(), 1u);
+    xvfb.stop();
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+    while (!server->connectionLost() && std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));  // polling with a deadline
+    }
+    EXPECT_TRUE(server->connectionLost());
+    EXPECT_NE(server->getActiveDisplayList(32, ids), kCGErrorSuccess);
+    EXPECT_FALSE(server->displayIsCaptured(1));
+    server.reset();  // joins the event thread
+}
+
+TEST(DisplayServerX11Lifetime, UnreachableServerGivesAReason) {
+    NotificationCenter center;
+    std::string why;
+    EXPECT_EQ(DisplayServerX11::open(":98765", center, &why), nullptr);
+    EXPECT_NE(why.find("cannot open X display"), std::string::npos) << why;
+}
+
+}  // namespace
+}  // namespace qrl
