@@ -33,5 +33,8 @@ bench: deps
 	cmake --build --preset release
 	scripts/run-benchmarks build/release
 
+fuzz: deps
+	scripts/run-fuzz
+
 clean:
 	rm -rf build demo-out

@@ -1,0 +1,210 @@
+// The one-call extensions and their log lines; round trips of generated
+// documents through writer and parser; the fuzzer's saved inputs replayed.
+#include "qrl/net/JSONExtensions.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "../../fuzz/JsonFuzzCheck.h"
+#include "qrl/foundation/PlatformLog.h"
+#include "qrl/net/QRLJsonParser.h"
+#include "qrl/net/QRLJsonWriter.h"
+
+namespace qrl {
+namespace {
+
+class CapturedLog {
+public:
+    CapturedLog() {
+        previous_ = setPlatformLogWriter([this](std::string_view line) { lines.emplace_back(line); });
+    }
+    ~CapturedLog() { setPlatformLogWriter(previous_); }
+    std::vector<std::string> lines;
+
+private:
+    PlatformLogWriter previous_;
+};
+
+TEST(JSONExtensions, ConvertOrLogTheTrace) {
+    CapturedLog log;
+    EXPECT_EQ(JSONValue("{\"a\":[1,\"x\"]}"), Value::dictionary({{"a", Value::array({1, "x"})}}));
+    EXPECT_EQ(JSONRepresentation(Value::dictionary({{"a", Value::array({1, "x"})}})), "{\"a\":[1,\"x\"]}");
+    EXPECT_TRUE(log.lines.empty());
+
+    EXPECT_TRUE(JSONValue("[01]").isNull());
+    ASSERT_EQ(log.lines.size(), 1u);
+    EXPECT_EQ(log.lines[0].rfind("-JSONValue failed. Error trace is: ", 0), 0u) << log.lines[0];
+    EXPECT_NE(log.lines[0].find("Leading 0 disallowed in number"), std::string::npos);
+    EXPECT_NE(log.lines[0].find("Expected value while parsing array"), std::string::npos);
+
+    EXPECT_EQ(JSONRepresentation(Value("fragment")), std::nullopt);
+    ASSERT_EQ(log.lines.size(), 2u);
+    EXPECT_EQ(log.lines[1].rfind("-JSONRepresentation failed. Error trace is: ", 0), 0u) << log.lines[1];
+    EXPECT_NE(log.lines[1].find("Not valid type for JSON"), std::string::npos);
+}
+
+void appendUTF8(std::string& s, uint32_t cp) {
+    if (cp < 0x80) {
+        s.push_back(static_cast<char>(cp));
+        return;
+    }
+    const int extra = cp < 0x800 ? 1 : cp < 0x10000 ? 2 : 3;
+    static const unsigned lead[] = {0, 0xC0, 0xE0, 0xF0};
+    s.push_back(static_cast<char>(lead[extra] | (cp >> (6 * extra))));
+    for (int i = extra - 1; i >= 0; --i) s.push_back(static_cast<char>(0x80 | ((cp >> (6 * i)) & 0x3F)));
+}
+
+// UTF-16 code units of valid UTF-8, for the reference ordering of keys.
+std::u16string toUTF16(const std::string& s) {
+    std::u16string out;
+    for (size_t i = 0; i < s.size();) {
+        const auto b = static_cast<unsigned char>(s[i]);
+        const size_t n = b < 0x80 ? 1 : b < 0xE0 ? 2 : b < 0xF0 ? 3 : 4;
+        uint32_t cp = n == 1 ? b : (b & (0x7Fu >> n));
+        for (size_t k = 1; k < n; ++k) cp = (cp << 6) | (static_cast<unsigned char>(s[i + k]) & 0x3F);
+        i += n;
+        if (cp >= 0x10000) {
+            out.push_back(static_cast<char16_t>(0xD800 + ((cp - 0x10000) >> 10)));
+            out.push_back(static_cast<char16_t>(0xDC00 + ((cp - 0x10000) & 0x3FF)));
+        } else {
+            out.push_back(static_cast<char16_t>(cp));
+        }
+    }
+    return out;
+}
+
+// Random documents: every kind of value the writer takes, strings with
+// escapes and characters from all planes, keys that sort differently in
+// UTF-16 and in UTF-8.
+class DocumentGenerator {
+public:
+    explicit DocumentGenerator(uint64_t seed) : random_(seed) {}
+
+    Value document() { return container(0); }
+
+private:
+    std::string text() {
+        static const uint32_t pool[] = {'a', 'Z', '0', ' ', '"', '\\', '/', '\n', '\t', 0x01, 0x1F, 0x00, 0x7F,
+                                        0xE9, 0x20AC, 0xFFFD, 0xFF21, 0xE000, 0x1F600, 0x10FFFF, 0x10000};
+        std::string s;
+        for (size_t i = random_() % 24; i > 0; --i) {
+            appendUTF8(s, random_() % 3 == 0 ? static_cast<uint32_t>('a' + random_() % 26) : pool[random_() % 21]);
+        }
+        return s;
+    }
+
+    Value scalar() {
+        switch (random_() % 7) {
+            case 0:
+                return Value(static_cast<bool>(random_() & 1));
+            case 1:
+                return Value();
+            case 2:
+                return Value(static_cast<int64_t>(random_() >> (random_() % 64)) * ((random_() & 1) ? 1 : -1));
+            case 3: {
+                // Any double a decimal holds exactly (38 digits, 10^-128 to 10^127).
+                double d;
+                do {
+                    const uint64_t bits = random_();
+                    std::memcpy(&d, &bits, sizeof d);
+                } while (!(std::fabs(d) > 1e-100 && std::fabs(d) < 1e100));
+                return Value(d);
+            }
+            case 4:
+                return Value(*Decimal::parse(std::to_string(random_() % 1000000) + "." + std::to_string(random_() % 1000) +
+                                             "e" + std::to_string(static_cast<int>(random_() % 80) - 40)));
+            default:
+                return Value(text());
+        }
+    }
+
+    Value container(int depth) {
+        const bool isArray = random_() & 1;
+        auto items = std::make_shared<Array>();
+        auto map = std::make_shared<Dictionary>();
+        for (size_t i = random_() % 9; i > 0; --i) {
+            Value v = (depth < 6 && random_() % 5 == 0) ? container(depth + 1) : scalar();
+            if (isArray) {
+                items->push_back(std::move(v));
+            } else {
+                map->set(text(), std::move(v));
+            }
+        }
+        return isArray ? Value(items) : Value(map);
+    }
+
+    std::mt19937_64 random_;
+};
+
+void expectKeysSorted(const Value& value) {
+    if (value.isArray()) {
+        for (const Value& v : *value.asArray()) expectKeysSorted(v);
+    } else if (value.isDictionary()) {
+        const auto keys = value.asDictionary()->keys();
+        for (size_t i = 1; i < keys.size(); ++i) EXPECT_LT(toUTF16(keys[i - 1]), toUTF16(keys[i]));
+        for (const auto& entry : *value.asDictionary()) expectKeysSorted(entry.second);
+    }
+}
+
+TEST(JsonRoundTrip, GeneratedDocumentsSurviveWriteAndRead) {
+    DocumentGenerator generator(77);
+    QRLJsonWriter compact;
+    QRLJsonWriter pretty;
+    pretty.setHumanReadable(true);
+    pretty.setSortKeys(true);
+    QRLJsonParser parser;
+    for (int i = 0; i < 400; ++i) {
+        const Value doc = generator.document();
+        for (QRLJsonWriter* writer : {&compact, &pretty}) {
+            const auto text = writer->stringWithObject(doc);
+            ASSERT_TRUE(text.has_value()) << doc.description();
+            const Value back = parser.objectWithString(*text);
+            ASSERT_FALSE(back.isNull()) << *text << "\n" << parser.errorTraceValue().description();
+            EXPECT_EQ(back, doc) << *text;
+            if (writer == &pretty) expectKeysSorted(back);
+            // Once reals are decimals the text is a fixed point.
+            EXPECT_EQ(writer->stringWithObject(parser.objectWithString(*writer->stringWithObject(back))),
+                      writer->stringWithObject(back));
+        }
+        EXPECT_EQ(fuzzcheck::checkJsonInput(*compact.stringWithObject(doc)), "");
+    }
+}
+
+// Reals are read as decimals, whose exponent stops at 127: a double beyond
+// that is written but cannot be read back.
+TEST(JsonRoundTrip, DoublesBeyondTheDecimalRangeDoNotComeBack) {
+    QRLJsonWriter writer;
+    QRLJsonParser parser;
+    const auto text = writer.stringWithObject(Value::array({1e300}));
+    EXPECT_EQ(text, "[1e+300]");
+    EXPECT_TRUE(parser.objectWithString(*text).isNull());
+    EXPECT_EQ(parser.errorTrace().front()->localizedDescription(), "Failed creating decimal instance");
+    // Tiny ones come back rounded at 10^-128.
+    const Value tiny = parser.objectWithString(*writer.stringWithObject(Value::array({5e-324})));
+    ASSERT_TRUE(tiny.isArray());
+    EXPECT_TRUE(tiny[size_t{0}].asDecimal()->isZero());
+}
+
+TEST(JsonRoundTrip, SavedFuzzInputsStaySane) {
+    const auto folder = std::filesystem::path(__FILE__).parent_path() / ".." / "data" / "json";
+    size_t count = 0;
+    for (const auto& entry : std::filesystem::directory_iterator(folder)) {
+        if (!entry.is_regular_file()) continue;
+        std::ifstream in(entry.path(), std::ios::binary);
+        const std::string input((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+        EXPECT_EQ(fuzzcheck::checkJsonInput(input), "") << entry.path();
+        ++count;
+    }
+    EXPECT_GT(count, 10u) << folder;
+}
+
+}  // namespace
+}  // namespace qrl
