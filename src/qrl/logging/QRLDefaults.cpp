@@ -1,0 +1,13 @@
+#include "qrl/logging/QRLDefaults.h"
+
+#include "qrl/foundation/Format.h"
+
+namespace qrl {
+
+QRLDefaults::~QRLDefaults() = default;
+
+std::string QRLDefaults::description() const {
+    return qrl::format("<%s: %p>", className(), static_cast<const void*>(this));
+}
+
+}  // namespace qrl

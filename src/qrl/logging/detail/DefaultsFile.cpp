@@ -1,0 +1,603 @@
+#include "qrl/logging/detail/DefaultsFile.h"
+
+#include <fcntl.h>
+#include <pwd.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <charconv>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <memory>
+#include <vector>
+
+#include "qrl/foundation/Decimal.h"
+#include "qrl/foundation/Error.h"
+#include "qrl/foundation/Format.h"
+#include "qrl/net/QRLJsonParser.h"
+#include "qrl/net/QRLJsonWriter.h"
+
+namespace qrl::detail {
+
+namespace {
+
+std::string errnoText(int error) { return std::strerror(error); }
+
+// ---- property-list check -------------------------------------------------
+
+std::optional<std::string> valueProblem(const Value& value, int depth) {
+    switch (value.type()) {
+    case Value::Type::Null: return std::string("a null value cannot be stored");
+    case Value::Type::Object:
+        return qrl::format("%@ is not a property-list value", value.asObject()->description());
+    case Value::Type::String:
+        if (!isValidUTF8(*value.asString())) return std::string("a string that is not valid UTF-8 cannot be stored");
+        return std::nullopt;
+    case Value::Type::Array:
+    case Value::Type::Dictionary:
+        if (depth >= kDefaultsMaxNesting)
+            return qrl::format("values nested deeper than %d levels cannot be stored", kDefaultsMaxNesting);
+        if (value.isArray()) {
+            for (const Value& item : *value.asArray())
+                if (auto problem = valueProblem(item, depth + 1)) return problem;
+        } else {
+            for (const auto& [key, item] : *value.asDictionary()) {
+                if (!isValidUTF8(key)) return std::string("a key that is not valid UTF-8 cannot be stored");
+                if (auto problem = valueProblem(item, depth + 1)) return problem;
+            }
+        }
+        return std::nullopt;
+    default: return std::nullopt;
+    }
+}
+
+// ---- tags ----------------------------------------------------------------
+
+Value tagged(std::string_view tag, Value payload) {
+    auto dictionary = std::make_shared<Dictionary>();
+    dictionary->set(std::string(tag), std::move(payload));
+    return Value(std::move(dictionary));
+}
+
+std::string shortestText(double number) {
+    char buffer[64];
+    const auto result = std::to_chars(buffer, buffer + sizeof buffer, number);
+    return std::string(buffer, result.ptr);
+}
+
+Value encodeReal(double number) {
+    std::string text = shortestText(number);
+    // A plain number must read back as a real (so it needs a point or an
+    // exponent) and as this very double.
+    if (std::isfinite(number) && text.find_first_of(".eE") != std::string::npos) {
+        auto decimal = Decimal::parse(text);
+        if (decimal && decimal->toDouble() == number) return Value(number);
+    }
+    return tagged(kDefaultsRealTag, Value(std::move(text)));
+}
+
+std::optional<double> parseReal(std::string_view text) {
+    double number = 0;
+    const char* end = text.data() + text.size();
+    const auto result = std::from_chars(text.data(), end, number);
+    if (result.ec != std::errc() || result.ptr != end) return std::nullopt;
+    return number;
+}
+
+std::shared_ptr<Dictionary> decodePlainDictionary(const Dictionary& source) {
+    auto out = std::make_shared<Dictionary>();
+    for (const auto& [key, item] : source) out->set(key, decodeDefaultsValue(item));
+    return out;
+}
+
+std::optional<Value> decodeTag(std::string_view tag, const Value& payload) {
+    if (tag == kDefaultsDictionaryTag) {
+        if (!payload.isDictionary()) return std::nullopt;
+        return Value(decodePlainDictionary(*payload.asDictionary()));
+    }
+    const std::string* text = payload.asString();
+    if (!text) return std::nullopt;
+    if (tag == kDefaultsDateTag) {
+        if (auto date = parseDefaultsDate(*text)) return Value(*date);
+    } else if (tag == kDefaultsDataTag) {
+        if (auto data = base64Decode(*text)) return Value(std::move(*data));
+    } else if (tag == kDefaultsRealTag) {
+        if (auto number = parseReal(*text)) return Value(*number);
+    } else if (tag == kDefaultsDecimalTag) {
+        if (auto decimal = Decimal::parse(*text)) return Value(*decimal);
+    }
+    return std::nullopt;
+}
+
+// ---- dates ---------------------------------------------------------------
+
+// Days since 1970-01-01 of a proleptic Gregorian date, and back.
+int64_t daysFromCivil(int64_t y, unsigned m, unsigned d) {
+    y -= m <= 2;
+    const int64_t era = (y >= 0 ? y : y - 399) / 400;
+    const auto yoe = static_cast<unsigned>(y - era * 400);
+    const unsigned doy = (153 * (m > 2 ? m - 3 : m + 9) + 2) / 5 + d - 1;
+    const unsigned doe = yoe * 365 + yoe / 4 - yoe / 100 + doy;
+    return era * 146097 + static_cast<int64_t>(doe) - 719468;
+}
+
+void civilFromDays(int64_t z, int64_t& y, unsigned& m, unsigned& d) {
+    z += 719468;
+    const int64_t era = (z >= 0 ? z : z - 146096) / 146097;
+    const auto doe = static_cast<unsigned>(z - era * 146097);
+    const unsigned yoe = (doe - doe / 1460 + doe / 36524 - doe / 146096) / 365;
+    y = static_cast<int64_t>(yoe) + era * 400;
+    const unsigned doy = doe - (365 * yoe + yoe / 4 - yoe / 100);
+    const unsigned mp = (5 * doy + 2) / 153;
+    d = doy - (153 * mp + 2) / 5 + 1;
+    m = mp < 10 ? mp + 3 : mp - 9;
+    y += m <= 2;
+}
+
+int64_t floorDiv(int64_t a, int64_t b) { return a / b - ((a % b != 0) && ((a < 0) != (b < 0))); }
+
+bool readDigits(std::string_view text, size_t& at, size_t count, unsigned& out) {
+    if (at + count > text.size()) return false;
+    out = 0;
+    for (size_t i = 0; i < count; ++i) {
+        const char c = text[at + i];
+        if (c < '0' || c > '9') return false;
+        out = out * 10 + static_cast<unsigned>(c - '0');
+    }
+    at += count;
+    return true;
+}
+
+bool expect(std::string_view text, size_t& at, char c) {
+    if (at >= text.size() || text[at] != c) return false;
+    ++at;
+    return true;
+}
+
+// ---- base64 --------------------------------------------------------------
+
+constexpr char kBase64Alphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+
+int base64Digit(char c) {
+    if (c >= 'A' && c <= 'Z') return c - 'A';
+    if (c >= 'a' && c <= 'z') return c - 'a' + 26;
+    if (c >= '0' && c <= '9') return c - '0' + 52;
+    if (c == '+') return 62;
+    if (c == '/') return 63;
+    return -1;
+}
+
+// ---- files ---------------------------------------------------------------
+
+std::string folderOf(const std::string& path) {
+    const size_t slash = path.rfind('/');
+    if (slash == std::string::npos) return ".";
+    if (slash == 0) return "/";
+    return path.substr(0, slash);
+}
+
+std::string baseNameOf(const std::string& path) {
+    const size_t slash = path.rfind('/');
+    return slash == std::string::npos ? path : path.substr(slash + 1);
+}
+
+// mkdir -p with mode 0700 for the folders it makes.
+bool makeFolders(const std::string& folder, std::string* problem) {
+    std::string prefix;
+    size_t at = 0;
+    while (at <= folder.size()) {
+        size_t next = folder.find('/', at);
+        if (next == std::string::npos) next = folder.size();
+        prefix = folder.substr(0, next);
+        at = next + 1;
+        if (prefix.empty()) continue;  // the root
+        if (::mkdir(prefix.c_str(), 0700) != 0 && errno != EEXIST) {
+            *problem = qrl::format("cannot create the folder %s: %s", prefix.c_str(), errnoText(errno).c_str());
+            return false;
+        }
+    }
+    return true;
+}
+
+bool writeAll(int fd, std::string_view text, int& error) {
+    const char* p = text.data();
+    size_t left = text.size();
+    while (left > 0) {
+        const ssize_t n = ::write(fd, p, left);
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            error = errno;
+            return false;
+        }
+        p += n;
+        left -= static_cast<size_t>(n);
+    }
+    return true;
+}
+
+}  // namespace
+
+bool isValidUTF8(std::string_view text) {
+    const auto* p = reinterpret_cast<const unsigned char*>(text.data());
+    const unsigned char* end = p + text.size();
+    while (p < end) {
+        const unsigned char c = *p;
+        if (c < 0x80) {
+            ++p;
+            continue;
+        }
+        size_t length;
+        uint32_t code;
+        if (c >= 0xC2 && c <= 0xDF) {
+            length = 2;
+            code = c & 0x1F;
+        } else if (c >= 0xE0 && c <= 0xEF) {
+            length = 3;
+            code = c & 0x0F;
+        } else if (c >= 0xF0 && c <= 0xF4) {
+            length = 4;
+            code = c & 0x07;
+        } else {
+            return false;
+        }
+        if (static_cast<size_t>(end - p) < length) return false;
+        for (size_t i = 1; i < length; ++i) {
+            if ((p[i] & 0xC0) != 0x80) return false;
+            code = (code << 6) | (p[i] & 0x3F);
+        }
+        if ((length == 3 && code < 0x800) || (length == 4 && code < 0x10000) || code > 0x10FFFF ||
+            (code >= 0xD800 && code <= 0xDFFF))
+            return false;
+        p += length;
+    }
+    return true;
+}
+
+std::optional<std::string> defaultsValueProblem(const Value& value) { return valueProblem(value, 0); }
+
+Value encodeDefaultsValue(const Value& value) {
+    switch (value.type()) {
+    case Value::Type::Date: return tagged(kDefaultsDateTag, Value(formatDefaultsDate(*value.asDate())));
+    case Value::Type::Data: return tagged(kDefaultsDataTag, Value(base64Encode(*value.asData())));
+    case Value::Type::Real: return encodeReal(*value.asReal());
+    case Value::Type::Decimal: return tagged(kDefaultsDecimalTag, Value(value.asDecimal()->toString()));
+    case Value::Type::Array: {
+        auto out = std::make_shared<Array>();
+        out->reserve(value.asArray()->size());
+        for (const Value& item : *value.asArray()) out->push_back(encodeDefaultsValue(item));
+        return Value(std::move(out));
+    }
+    case Value::Type::Dictionary: {
+        const Dictionary& source = *value.asDictionary();
+        auto out = std::make_shared<Dictionary>();
+        for (const auto& [key, item] : source) out->set(key, encodeDefaultsValue(item));
+        if (source.size() == 1 && source.entries().front().first.starts_with('$'))
+            return tagged(kDefaultsDictionaryTag, Value(std::move(out)));
+        return Value(std::move(out));
+    }
+    default: return value;
+    }
+}
+
+Value decodeDefaultsValue(const Value& value) {
+    switch (value.type()) {
+    case Value::Type::Decimal: return Value(value.asDecimal()->toDouble());
+    case Value::Type::Array: {
+        auto out = std::make_shared<Array>();
+        out->reserve(value.asArray()->size());
+        for (const Value& item : *value.asArray()) out->push_back(decodeDefaultsValue(item));
+        return Value(std::move(out));
+    }
+    case Value::Type::Dictionary: {
+        const Dictionary& source = *value.asDictionary();
+        if (source.size() == 1) {
+            const auto& [key, payload] = source.entries().front();
+            if (key.starts_with('$'))
+                if (auto decoded = decodeTag(key, payload)) return std::move(*decoded);
+        }
+        return Value(decodePlainDictionary(source));
+    }
+    default: return value;
+    }
+}
+
+std::optional<std::string> defaultsFileText(const Dictionary& values, std::string* problem) {
+    auto encoded = std::make_shared<Dictionary>();
+    for (const auto& [key, item] : values) encoded->set(key, encodeDefaultsValue(item));
+    QRLJsonWriter writer;
+    writer.setHumanReadable(true);
+    std::shared_ptr<Error> error;
+    auto text = writer.stringWithObject(Value(std::move(encoded)), &error);
+    if (!text) {
+        *problem = error ? error->localizedDescription() : std::string("the JSON writer refused the values");
+        return std::nullopt;
+    }
+    text->push_back('\n');
+    return text;
+}
+
+std::optional<Dictionary> parseDefaultsFileText(std::string_view text, std::string* problem) {
+    QRLJsonParser parser;
+    std::shared_ptr<Error> error;
+    const Value document = parser.objectWithString(text, &error);
+    if (!document.isDictionary()) {
+        if (document.isArray())
+            *problem = "the file holds a JSON array, not an object";
+        else
+            *problem = error ? error->localizedDescription() : std::string("the file holds no JSON object");
+        return std::nullopt;
+    }
+    Dictionary values;
+    for (const auto& [key, item] : *document.asDictionary()) {
+        if (item.isNull()) continue;
+        values.set(key, decodeDefaultsValue(item));
+    }
+    return values;
+}
+
+std::string formatDefaultsDate(Date date) {
+    constexpr int64_t kNanos = 1'000'000'000;
+    const int64_t seconds = floorDiv(date.nanosecondsSinceEpoch, kNanos);
+    int64_t nanos = date.nanosecondsSinceEpoch % kNanos;
+    if (nanos < 0) nanos += kNanos;
+    const int64_t days = floorDiv(seconds, 86400);
+    const int64_t secondOfDay = seconds - days * 86400;
+    int64_t year;
+    unsigned month, day;
+    civilFromDays(days, year, month, day);
+    char buffer[64];
+    std::snprintf(buffer, sizeof buffer, "%04lld-%02u-%02uT%02lld:%02lld:%02lld.%09lldZ", static_cast<long long>(year),
+                  month, day, static_cast<long long>(secondOfDay / 3600), static_cast<long long>(secondOfDay / 60 % 60),
+                  static_cast<long long>(secondOfDay % 60), static_cast<long long>(nanos));
+    return buffer;
+}
+
+std::optional<Date> parseDefaultsDate(std::string_view text) {
+    size_t at = 0;
+    unsigned year, month, day, hour, minute, second;
+    if (!readDigits(text, at, 4, year) || !expect(text, at, '-') || !readDigits(text, at, 2, month) ||
+        !expect(text, at, '-') || !readDigits(text, at, 2, day) || !expect(text, at, 'T') ||
+        !readDigits(text, at, 2, hour) || !expect(text, at, ':') || !readDigits(text, at, 2, minute) ||
+        !expect(text, at, ':') || !readDigits(text, at, 2, second))
+        return std::nullopt;
+    int64_t nanos = 0;
+    if (at < text.size() && text[at] == '.') {
+        ++at;
+        int digits = 0;
+        while (at < text.size() && text[at] >= '0' && text[at] <= '9') {
+            if (++digits > 9) return std::nullopt;
+            nanos = nanos * 10 + (text[at] - '0');
+            ++at;
+        }
+        for (int i = digits; i < 9; ++i) nanos *= 10;
+    }
+    if (!expect(text, at, 'Z') || at != text.size()) return std::nullopt;
+    static constexpr std::array<unsigned, 12> kMonthDays{31, 29, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
+    if (month < 1 || month > 12 || day < 1 || day > kMonthDays[month - 1] || hour > 23 || minute > 59 ||
+        second > 59)
+        return std::nullopt;
+    const bool leap = (year % 4 == 0 && year % 100 != 0) || year % 400 == 0;
+    if (month == 2 && day == 29 && !leap) return std::nullopt;
+    const __int128 seconds = static_cast<__int128>(daysFromCivil(year, month, day)) * 86400 + hour * 3600 +
+                             minute * 60 + second;
+    const __int128 total = seconds * 1'000'000'000 + nanos;
+    if (total < INT64_MIN || total > INT64_MAX) return std::nullopt;
+    return Date{static_cast<int64_t>(total)};
+}
+
+std::string base64Encode(const Data& data) {
+    std::string out;
+    out.reserve((data.size() + 2) / 3 * 4);
+    size_t i = 0;
+    for (; i + 3 <= data.size(); i += 3) {
+        const uint32_t n = (uint32_t{data[i]} << 16) | (uint32_t{data[i + 1]} << 8) | data[i + 2];
+        out += kBase64Alphabet[n >> 18];
+        out += kBase64Alphabet[(n >> 12) & 63];
+        out += kBase64Alphabet[(n >> 6) & 63];
+        out += kBase64Alphabet[n & 63];
+    }
+    const size_t rest = data.size() - i;
+    if (rest > 0) {
+        uint32_t n = uint32_t{data[i]} << 16;
+        if (rest == 2) n |= uint32_t{data[i + 1]} << 8;
+        out += kBase64Alphabet[n >> 18];
+        out += kBase64Alphabet[(n >> 12) & 63];
+        out += rest == 2 ? kBase64Alphabet[(n >> 6) & 63] : '=';
+        out += '=';
+    }
+    return out;
+}
+
+std::optional<Data> base64Decode(std::string_view text) {
+    if (text.size() % 4 != 0) return std::nullopt;
+    Data out;
+    out.reserve(text.size() / 4 * 3);
+    for (size_t i = 0; i < text.size(); i += 4) {
+        const bool last = i + 4 == text.size();
+        int digits[4];
+        int padding = 0;
+        for (int k = 0; k < 4; ++k) {
+            const char c = text[i + k];
+            if (c == '=' && last && k >= 2) {
+                digits[k] = 0;
+                ++padding;
+                continue;
+            }
+            if (padding > 0) return std::nullopt;  // data after padding
+            digits[k] = base64Digit(c);
+            if (digits[k] < 0) return std::nullopt;
+        }
+        const uint32_t n = (uint32_t(digits[0]) << 18) | (uint32_t(digits[1]) << 12) | (uint32_t(digits[2]) << 6) |
+                           uint32_t(digits[3]);
+        if ((padding == 1 && (n & 0xFF) != 0) || (padding == 2 && (n & 0xFFFF) != 0)) return std::nullopt;
+        out.push_back(static_cast<uint8_t>(n >> 16));
+        if (padding < 2) out.push_back(static_cast<uint8_t>(n >> 8));
+        if (padding < 1) out.push_back(static_cast<uint8_t>(n));
+    }
+    return out;
+}
+
+std::string defaultsConfigHome() {
+    if (const char* xdg = std::getenv("XDG_CONFIG_HOME"); xdg && xdg[0] == '/') return xdg;
+    const char* home = std::getenv("HOME");
+    std::string base = home && home[0] == '/' ? home : "";
+    if (base.empty()) {
+        long size = ::sysconf(_SC_GETPW_R_SIZE_MAX);
+        std::vector<char> buffer(size > 0 ? static_cast<size_t>(size) : 16384);
+        passwd entry{};
+        passwd* found = nullptr;
+        if (::getpwuid_r(::getuid(), &entry, buffer.data(), buffer.size(), &found) == 0 && found && found->pw_dir)
+            base = found->pw_dir;
+    }
+    if (base.empty()) base = "/tmp";
+    while (base.size() > 1 && base.back() == '/') base.pop_back();
+    return (base == "/" ? std::string() : base) + "/.config";
+}
+
+std::string defaultsPathForIdentifier(std::string_view identifier) {
+    std::string folder(identifier);
+    for (char& c : folder)
+        if (c == '/' || c == '\0') c = '_';
+    if (folder.empty() || folder == "." || folder == "..") folder.insert(0, "_");
+    return defaultsConfigHome() + "/" + folder + "/preferences.json";
+}
+
+DefaultsFolderLock::DefaultsFolderLock(const std::string& path, bool create) {
+    const std::string folder = folderOf(path);
+    if (create && !makeFolders(folder, &problem_)) return;
+    fd_ = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd_ < 0) {
+        missing_ = errno == ENOENT;
+        problem_ = qrl::format("cannot open the folder %s: %s", folder.c_str(), errnoText(errno).c_str());
+        return;
+    }
+    // Cooperative: a file system without flock still gets atomic replacement.
+    while (::flock(fd_, LOCK_EX) != 0 && errno == EINTR) {
+    }
+}
+
+DefaultsFolderLock::~DefaultsFolderLock() {
+    if (fd_ >= 0) ::close(fd_);  // closing releases the lock
+}
+
+DefaultsFileContents readDefaultsFile(const std::string& path) {
+    DefaultsFileContents contents;
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
+    if (fd < 0) {
+        if (errno == ENOENT || errno == ENOTDIR) return contents;  // Missing
+        contents.status = DefaultsFileContents::Status::Unreadable;
+        contents.problem = qrl::format("cannot open it: %s", errnoText(errno).c_str());
+        return contents;
+    }
+    struct Closer {
+        int fd;
+        ~Closer() { ::close(fd); }
+    } closer{fd};
+    contents.status = DefaultsFileContents::Status::Unreadable;
+    struct stat info {};
+    if (::fstat(fd, &info) != 0) {
+        contents.problem = qrl::format("cannot examine it: %s", errnoText(errno).c_str());
+        return contents;
+    }
+    if (!S_ISREG(info.st_mode)) {
+        contents.problem = "it is not a regular file";
+        return contents;
+    }
+    std::string text;
+    text.reserve(static_cast<size_t>(info.st_size));
+    char buffer[65536];
+    for (;;) {
+        const ssize_t n = ::read(fd, buffer, sizeof buffer);
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            contents.problem = qrl::format("cannot read it: %s", errnoText(errno).c_str());
+            return contents;
+        }
+        if (n == 0) break;
+        text.append(buffer, static_cast<size_t>(n));
+    }
+    if (text.empty()) {
+        contents.problem = "the file is empty";
+        return contents;
+    }
+    auto values = parseDefaultsFileText(text, &contents.problem);
+    if (!values) return contents;
+    contents.status = DefaultsFileContents::Status::Loaded;
+    contents.values = std::move(*values);
+    return contents;
+}
+
+std::optional<std::string> setDefaultsFileAside(const std::string& path, Date now, std::string* problem) {
+    const std::string folder = folderOf(path);
+    const std::string base = baseNameOf(path);
+    const size_t dot = base.rfind('.');
+    const std::string stem = dot == std::string::npos || dot == 0 ? base : base.substr(0, dot);
+    const std::string extension = dot == std::string::npos || dot == 0 ? std::string() : base.substr(dot);
+    const time_t seconds = static_cast<time_t>(floorDiv(now.nanosecondsSinceEpoch, 1'000'000'000));
+    tm local{};
+    localtime_r(&seconds, &local);
+    char stamp[32];
+    std::strftime(stamp, sizeof stamp, "%Y%m%d-%H%M%S", &local);
+    for (int attempt = 1; attempt <= 1000; ++attempt) {
+        std::string target = folder + "/" + stem + ".corrupt-" + stamp;
+        if (attempt > 1) target += "-" + std::to_string(attempt);
+        target += extension;
+        if (::renameat2(AT_FDCWD, path.c_str(), AT_FDCWD, target.c_str(), RENAME_NOREPLACE) == 0) return target;
+        if (errno == EEXIST) continue;
+        if (errno == EINVAL || errno == ENOSYS) {
+            // No support for refusing to replace: look first.
+            struct stat info {};
+            if (::lstat(target.c_str(), &info) == 0) continue;
+            if (::rename(path.c_str(), target.c_str()) == 0) return target;
+        }
+        *problem = qrl::format("cannot rename it to %s: %s", target.c_str(), errnoText(errno).c_str());
+        return std::nullopt;
+    }
+    *problem = "no free name to set it aside under";
+    return std::nullopt;
+}
+
+bool writeDefaultsFileAtomically(const std::string& path, int folderFd, std::string_view text, std::string* problem) {
+    std::string temporary = folderOf(path) + "/." + baseNameOf(path) + ".XXXXXX";
+    const int fd = ::mkostemp(temporary.data(), O_CLOEXEC);
+    if (fd < 0) {
+        *problem = qrl::format("cannot create a temporary file beside %s: %s", path.c_str(), errnoText(errno).c_str());
+        return false;
+    }
+    auto fail = [&](const char* what, int error) {
+        *problem = qrl::format("cannot %s %s: %s", what, temporary.c_str(), errnoText(error).c_str());
+        ::unlink(temporary.c_str());
+        return false;
+    };
+    int error = 0;
+    if (!writeAll(fd, text, error)) {
+        ::close(fd);
+        return fail("write", error);
+    }
+    struct stat old {};
+    const mode_t mode = ::stat(path.c_str(), &old) == 0 ? (old.st_mode & 07777) : 0600;
+    if (::fchmod(fd, mode) != 0 || ::fsync(fd) != 0) {
+        error = errno;
+        ::close(fd);
+        return fail("flush", error);
+    }
+    if (::close(fd) != 0) return fail("close", errno);
+    if (::rename(temporary.c_str(), path.c_str()) != 0) {
+        error = errno;
+        return fail("rename", error);
+    }
+    if (::fsync(folderFd) != 0 && errno != EINVAL && errno != EROFS) {
+        *problem = qrl::format("cannot flush the folder of %s: %s", path.c_str(), errnoText(errno).c_str());
+        return false;
+    }
+    return true;
+}
+
+}  // namespace qrl::detail

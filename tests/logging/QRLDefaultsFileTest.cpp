@@ -1,0 +1,182 @@
+// The preferences file's tagged JSON form, its dates and base64, and where
+// the file lives.
+#include "qrl/logging/detail/DefaultsFile.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <limits>
+#include <random>
+
+#include "qrl/foundation/Decimal.h"
+
+namespace qrl::detail {
+namespace {
+
+// Same type and same payload, recursively; reals bit for bit.
+bool same(const Value& a, const Value& b) {
+    if (a.type() != b.type()) return false;
+    switch (a.type()) {
+    case Value::Type::Real: {
+        const double x = *a.asReal(), y = *b.asReal();
+        return std::memcmp(&x, &y, sizeof x) == 0 || (std::isnan(x) && std::isnan(y));
+    }
+    case Value::Type::Decimal: return a.asDecimal()->toString() == b.asDecimal()->toString();
+    case Value::Type::Array: {
+        if (a.asArray()->size() != b.asArray()->size()) return false;
+        for (size_t i = 0; i < a.asArray()->size(); ++i)
+            if (!same((*a.asArray())[i], (*b.asArray())[i])) return false;
+        return true;
+    }
+    case Value::Type::Dictionary: {
+        if (a.asDictionary()->keys() != b.asDictionary()->keys()) return false;
+        for (const auto& [key, item] : *a.asDictionary())
+            if (!same(item, *b.asDictionary()->find(key))) return false;
+        return true;
+    }
+    default: return a == b;
+    }
+}
+
+// A random property-list value, biased towards the awkward cases.
+Value randomValue(std::mt19937_64& rng, int depth) {
+    std::uniform_int_distribution<int> kind(0, depth > 0 ? 9 : 7);
+    const double reals[] = {3.0, -0.0, 0.1, 1e300, 5e-324, 1e21, -2.5e-7, 123456789.125,
+                            std::numeric_limits<double>::infinity(), std::nan("")};
+    const char* keys[] = {"a", "$date", "$data", "$dict", "$", "plain", "émoji 😀", ""};
+    switch (kind(rng)) {
+    case 0: return Value(static_cast<bool>(rng() & 1));
+    case 1: return Value(static_cast<long long>(rng()));
+    case 2: return Value(reals[rng() % std::size(reals)]);
+    case 3: return Value(std::bit_cast<double>(rng() & 0x7FEFFFFFFFFFFFFFULL));  // finite
+    case 4: return Value(*Decimal::parse(std::to_string(static_cast<int64_t>(rng())) + "e-" + std::to_string(rng() % 40)));
+    case 5: return Value(Date{static_cast<int64_t>(rng())});
+    case 6: {
+        Data data(rng() % 7);
+        for (auto& byte : data) byte = static_cast<uint8_t>(rng());
+        return Value(std::move(data));
+    }
+    case 7: return Value(std::string(keys[rng() % std::size(keys)]) + "\"\\\n");
+    case 8: {
+        auto array = std::make_shared<Array>();
+        for (size_t i = rng() % 4; i > 0; --i) array->push_back(randomValue(rng, depth - 1));
+        return Value(std::move(array));
+    }
+    default: {
+        auto dictionary = std::make_shared<Dictionary>();
+        for (size_t i = rng() % 3; i > 0; --i) dictionary->set(keys[rng() % std::size(keys)], randomValue(rng, depth - 1));
+        return Value(std::move(dictionary));
+    }
+    }
+}
+
+TEST(QRLDefaultsFileTest, GeneratedValuesComeBackWithTheirTypes) {
+    std::mt19937_64 rng(20261121);
+    for (int round = 0; round < 400; ++round) {
+        Dictionary values;
+        for (int i = 0; i < 4; ++i) values.set("k" + std::to_string(i), randomValue(rng, 3));
+        ASSERT_EQ(defaultsValueProblem(Value(std::make_shared<Dictionary>(values))), std::nullopt);
+        std::string problem;
+        const auto text = defaultsFileText(values, &problem);
+        ASSERT_TRUE(text) << problem;
+        const auto back = parseDefaultsFileText(*text, &problem);
+        ASSERT_TRUE(back) << problem << "\n" << *text;
+        for (const auto& [key, item] : values)
+            ASSERT_TRUE(same(item, back->get(key))) << item.description() << "\n" << *text;
+    }
+}
+
+TEST(QRLDefaultsFileTest, TaggedAndPlainFormsAsTheyAppearInTheFile) {
+    std::string problem;
+    Dictionary values{{"when", Value(Date{978307200'000000001})},
+                      {"bytes", Value(Data{0, 1, 2, 255})},
+                      {"ratio", 0.5},
+                      {"whole", 3.0},
+                      {"trap", Value::dictionary({{"$date", "x"}})}};
+    EXPECT_EQ(*defaultsFileText(values, &problem),
+              "{\n  \"when\" : {\n    \"$date\" : \"2001-01-01T00:00:00.000000001Z\"\n  },\n"
+              "  \"bytes\" : {\n    \"$data\" : \"AAEC/w==\"\n  },\n  \"ratio\" : 0.5,\n"
+              "  \"whole\" : {\n    \"$real\" : \"3\"\n  },\n"
+              "  \"trap\" : {\n    \"$dict\" : {\n      \"$date\" : \"x\"\n    }\n  }\n}\n");
+
+    // Hand-edited files: tags that do not decode stay dictionaries, reals and
+    // huge integers read as doubles, top-level nulls as absent.
+    auto read = parseDefaultsFileText(R"({"a": {"$date": "2001-02-29T00:00:00Z"}, "b": {"$what": 1}, "c": 1.5,
+        "d": 123456789012345678901234, "e": null, "f": {"$data": "Zh=="}, "g": [null]})", &problem);
+    ASSERT_TRUE(read) << problem;
+    EXPECT_TRUE(read->get("a").isDictionary());
+    EXPECT_TRUE(read->get("b").isDictionary());
+    EXPECT_TRUE(same(read->get("c"), Value(1.5)));
+    EXPECT_TRUE(same(read->get("d"), Value(1.2345678901234568e23)));
+    EXPECT_FALSE(read->contains("e"));
+    EXPECT_TRUE(read->get("f").isDictionary());
+    EXPECT_TRUE(read->get("g")[0].isNull());
+
+    for (const char* bad : {"[1, 2]", "{\"a\": ", "{\"a\": 1} x", "\xff{}", "{\"a\": 1e300}"}) {
+        problem.clear();
+        EXPECT_FALSE(parseDefaultsFileText(bad, &problem)) << bad;
+        EXPECT_FALSE(problem.empty()) << bad;
+    }
+}
+
+TEST(QRLDefaultsFileTest, DatesAgreeWithTheCalendarAndRefuseWhatIsOutOfRange) {
+    EXPECT_EQ(formatDefaultsDate(Date{0}), "1970-01-01T00:00:00.000000000Z");
+    EXPECT_EQ(formatDefaultsDate(Date{-1}), "1969-12-31T23:59:59.999999999Z");
+    EXPECT_EQ(formatDefaultsDate(Date{951782400'000000000}), "2000-02-29T00:00:00.000000000Z");
+    EXPECT_EQ(formatDefaultsDate(Date{INT64_MIN}), "1677-09-21T00:12:43.145224192Z");
+    EXPECT_EQ(formatDefaultsDate(Date{INT64_MAX}), "2262-04-11T23:47:16.854775807Z");
+    EXPECT_EQ(parseDefaultsDate("2001-01-01T00:00:00Z"), Date{978307200'000000000});
+    EXPECT_EQ(parseDefaultsDate("2001-01-01T00:00:00.5Z"), Date{978307200'500000000});
+    for (const char* bad : {"2001-02-29T00:00:00Z", "2000-13-01T00:00:00Z", "2000-01-01T24:00:00Z",
+                            "2000-01-01T00:00:00", "2000-01-01T00:00:00.0000000001Z", "2262-04-11T23:47:16.854775808Z",
+                            "1677-09-21T00:12:43.145224191Z", "20-01-01T00:00:00Z", "2000-01-01 00:00:00Z"})
+        EXPECT_EQ(parseDefaultsDate(bad), std::nullopt) << bad;
+
+    // Against the C library's calendar, over the whole range.
+    std::mt19937_64 rng(7);
+    for (int i = 0; i < 20000; ++i) {
+        const Date date{static_cast<int64_t>(rng())};
+        const std::string text = formatDefaultsDate(date);
+        ASSERT_EQ(parseDefaultsDate(text), date) << text;
+        const time_t seconds = static_cast<time_t>(std::floor(static_cast<double>(date.nanosecondsSinceEpoch) / 1e9));
+        tm utc{};
+        gmtime_r(&seconds, &utc);
+        char expected[32];
+        std::strftime(expected, sizeof expected, "%Y-%m-%dT%H:%M", &utc);
+        ASSERT_EQ(text.substr(0, 16), expected) << date.nanosecondsSinceEpoch;
+    }
+}
+
+TEST(QRLDefaultsFileTest, Base64FollowsTheStandardVectorsAndIsStrict) {
+    const std::pair<const char*, const char*> vectors[] = {{"", ""},         {"f", "Zg=="},     {"fo", "Zm8="},
+                                                           {"foo", "Zm9v"},  {"foob", "Zm9vYg=="}, {"fooba", "Zm9vYmE="},
+                                                           {"foobar", "Zm9vYmFy"}};
+    for (const auto& [plain, encoded] : vectors) {
+        const Data data(plain, plain + std::strlen(plain));
+        EXPECT_EQ(base64Encode(data), encoded);
+        EXPECT_EQ(base64Decode(encoded), data);
+    }
+    for (const char* bad : {"Zg=", "Zh==", "Zm9=", "Z===", "Zg==Zg==", "Zm9v\n", "Zm-v", "=Zm9"})
+        EXPECT_EQ(base64Decode(bad), std::nullopt) << bad;
+}
+
+TEST(QRLDefaultsFileTest, TheFileLivesUnderTheConfigHomeInAFolderPerApplication) {
+    const char* oldXdg = std::getenv("XDG_CONFIG_HOME");
+    const char* oldHome = std::getenv("HOME");
+    const std::string savedXdg = oldXdg ? oldXdg : "", savedHome = oldHome ? oldHome : "";
+    setenv("XDG_CONFIG_HOME", "/x/conf", 1);
+    EXPECT_EQ(defaultsPathForIdentifier("com.tessara.recorder"), "/x/conf/com.tessara.recorder/preferences.json");
+    EXPECT_EQ(defaultsPathForIdentifier("a/../b"), "/x/conf/a_.._b/preferences.json");
+    EXPECT_EQ(defaultsPathForIdentifier(".."), "/x/conf/_../preferences.json");
+    setenv("XDG_CONFIG_HOME", "relative/conf", 1);  // not absolute: ignored
+    setenv("HOME", "/home/someone/", 1);
+    EXPECT_EQ(defaultsPathForIdentifier("id"), "/home/someone/.config/id/preferences.json");
+    oldXdg ? setenv("XDG_CONFIG_HOME", savedXdg.c_str(), 1) : unsetenv("XDG_CONFIG_HOME");
+    oldHome ? setenv("HOME", savedHome.c_str(), 1) : unsetenv("HOME");
+}
+
+}  // namespace
+}  // namespace qrl::detail
