@@ -3,7 +3,10 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <thread>
 #include <vector>
+
+#include "logging/CapturingLogger.h"
 
 namespace qrl {
 namespace {
@@ -14,17 +17,22 @@ protected:
     void SetUp() override {
         saved_ = {qrl_loggingEnabled.load(), sharedLogLevel.load(), uploaderLogLevel.load(),
                   applicationLogLevel.load(), additionalApplicationLogLevel.load()};
-        previous_ = QRLLog::setSink([this](LogStatement&& s) { logged.push_back(std::move(s)); });
+        QRLLog::addLogger(logger_);
     }
     void TearDown() override {
-        QRLLog::setSink(previous_);
+        QRLLog::removeLogger(logger_);
+        QRLLog::flushLog();
         qrl_loggingEnabled = saved_.enabled;
         sharedLogLevel = saved_.shared;
         uploaderLogLevel = saved_.uploader;
         applicationLogLevel = saved_.application;
         additionalApplicationLogLevel = saved_.domains;
     }
-    std::vector<LogStatement> logged;
+    // Everything delivered so far.
+    std::vector<test::CapturedMessage> logged() {
+        QRLLog::flushLog();
+        return logger_->messages();
+    }
 
 private:
     struct {
@@ -32,7 +40,7 @@ private:
         int32_t shared, uploader, application;
         uint32_t domains;
     } saved_{};
-    QRLLog::Sink previous_;
+    std::shared_ptr<test::CapturingLogger> logger_ = std::make_shared<test::CapturingLogger>();
 };
 
 int counted(int& evaluations) { return ++evaluations; }
@@ -51,22 +59,22 @@ TEST_F(LogGuards, PlainFormPassesOnlyFlagsOfTheLevel) {
     int evaluations = 0;
     QRLLogVerbose("verbose %d", counted(evaluations));
     EXPECT_EQ(evaluations, 0);
-    EXPECT_TRUE(logged.empty());
+    EXPECT_TRUE(logged().empty());
     QRLLogInfo("info %d", counted(evaluations));
     QRLLogWarn("warn %s", "w");
     QRLLogError("error");
-    ASSERT_EQ(logged.size(), 3u);
+    ASSERT_EQ(logged().size(), 3u);
     EXPECT_EQ(evaluations, 1);
-    EXPECT_EQ(logged[0].message, "info 1");
-    EXPECT_EQ(logged[0].flag, kLogFlagInfo);
-    EXPECT_EQ(logged[0].level, kLogLevelInfo);
-    EXPECT_EQ(logged[0].context, kLogContextShared);
-    EXPECT_FALSE(logged[0].synchronous);
-    EXPECT_EQ(std::string(logged[0].function), "TestBody");
-    EXPECT_NE(std::string(logged[0].file).find("LogLevelsTest.cpp"), std::string::npos);
-    EXPECT_GT(logged[0].line, 0);
-    EXPECT_EQ(logged[1].message, "warn w");
-    EXPECT_EQ(logged[2].flag, kLogFlagError);
+    EXPECT_EQ(logged()[0].message, "info 1");
+    EXPECT_EQ(logged()[0].flag, kLogFlagInfo);
+    EXPECT_EQ(logged()[0].level, kLogLevelInfo);
+    EXPECT_EQ(logged()[0].context, kLogContextShared);
+    EXPECT_NE(logged()[0].deliveredOnThread, std::this_thread::get_id());  // queued, not waited for
+    EXPECT_EQ(std::string(logged()[0].function), "TestBody");
+    EXPECT_NE(std::string(logged()[0].file).find("LogLevelsTest.cpp"), std::string::npos);
+    EXPECT_GT(logged()[0].line, 0);
+    EXPECT_EQ(logged()[1].message, "warn w");
+    EXPECT_EQ(logged()[2].flag, kLogFlagError);
 }
 
 TEST_F(LogGuards, EachContextReadsItsOwnLevel) {
@@ -77,11 +85,11 @@ TEST_F(LogGuards, EachContextReadsItsOwnLevel) {
     QRLUploaderLogInfo("uploader info");
     QRLUploaderLogWarn("uploader warn");
     QRLAppLogVerbose("app verbose");
-    ASSERT_EQ(logged.size(), 2u);
-    EXPECT_EQ(logged[0].context, kLogContextUploader);
-    EXPECT_EQ(logged[0].level, kLogLevelWarning);
-    EXPECT_EQ(logged[1].context, kLogContextApplication);
-    EXPECT_EQ(logged[1].level, kLogLevelVerbose);
+    ASSERT_EQ(logged().size(), 2u);
+    EXPECT_EQ(logged()[0].context, kLogContextUploader);
+    EXPECT_EQ(logged()[0].level, kLogLevelWarning);
+    EXPECT_EQ(logged()[1].context, kLogContextApplication);
+    EXPECT_EQ(logged()[1].level, kLogLevelVerbose);
 }
 
 TEST_F(LogGuards, MasterSwitchSilencesEveryForm) {
@@ -95,7 +103,7 @@ TEST_F(LogGuards, MasterSwitchSilencesEveryForm) {
     QRLDomainLogError(kLoggingAudio, "%d", counted(evaluations));
     QRLAppDomainLogError(kLoggingOpenGL, "%d", counted(evaluations));
     EXPECT_EQ(evaluations, 0);
-    EXPECT_TRUE(logged.empty());
+    EXPECT_TRUE(logged().empty());
 }
 
 TEST_F(LogGuards, DomainFormNeedsTheBitAndTheFlag) {
@@ -107,11 +115,11 @@ TEST_F(LogGuards, DomainFormNeedsTheBitAndTheFlag) {
     QRLDomainLogWarn(kLoggingAudio, "audio %d", counted(evaluations));
     QRLDomainLogInfo(kLoggingAudio, "audio info %d", counted(evaluations));  // flag missing
     QRLDomainLogWarn(kLoggingVideo, "video %d", counted(evaluations));       // other bit
-    ASSERT_EQ(logged.size(), 1u);
+    ASSERT_EQ(logged().size(), 1u);
     EXPECT_EQ(evaluations, 1);
-    EXPECT_EQ(logged[0].message, "audio 1");
-    EXPECT_EQ(logged[0].level, kLogLevelWarning);
-    EXPECT_EQ(logged[0].context, kLogContextShared);  // the domain itself is not passed on
+    EXPECT_EQ(logged()[0].message, "audio 1");
+    EXPECT_EQ(logged()[0].level, kLogLevelWarning);
+    EXPECT_EQ(logged()[0].context, kLogContextShared);  // the domain itself is not passed on
 }
 
 TEST_F(LogGuards, DomainMaskIgnoresBitsAboveTwentyFive) {
@@ -124,8 +132,8 @@ TEST_F(LogGuards, DomainMaskIgnoresBitsAboveTwentyFive) {
     QRLAppDomainLogInfo(0x1000000u, "%d", counted(evaluations));  // last bit inside
     QRLAppDomainLogInfo(0x3000000u, "%d", counted(evaluations));  // one bit inside is enough
     EXPECT_EQ(evaluations, 2);
-    ASSERT_EQ(logged.size(), 2u);
-    EXPECT_EQ(logged[1].context, kLogContextApplication);
+    ASSERT_EQ(logged().size(), 2u);
+    EXPECT_EQ(logged()[1].context, kLogContextApplication);
 }
 
 TEST_F(LogGuards, DomainConstantsKeepTheirGap) {
@@ -144,7 +152,7 @@ TEST_F(LogGuards, DomainConstantsKeepTheirGap) {
 
 TEST_F(LogGuards, NullFormatDoesNothing) {
     QRLLog::log(false, 1, 1, 1, __FILE__, __func__, __LINE__, nullptr);
-    EXPECT_TRUE(logged.empty());
+    EXPECT_TRUE(logged().empty());
 }
 
 }  // namespace

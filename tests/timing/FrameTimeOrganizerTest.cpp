@@ -11,6 +11,7 @@
 #include "qrl/foundation/Exception.h"
 #include "qrl/logging/LogLevels.h"
 #include "qrl/timing/TimeUtilities.h"
+#include "logging/CapturingLogger.h"
 #include "support/TestSupport.h"
 
 namespace qrl {
@@ -193,14 +194,16 @@ TEST(FrameTimeOrganizer, RecordingStartBeforeTheFirstFrameFillsTheStart) {
 
 TEST(FrameTimeOrganizer, RecordingStartAfterTheFirstFrameIsIgnoredWithOneError) {
     test::ScopedSimulatedClock sim(24'000'000.0);
-    std::vector<LogStatement> logged;
-    auto previous = QRLLog::setSink([&logged](LogStatement&& s) { logged.push_back(std::move(s)); });
+    auto capture = std::make_shared<test::CapturingLogger>();
+    QRLLog::addLogger(capture);
     FrameTimeOrganizer o(15.0f);
     o.setVideoRecordingStartedAt(ticksAt(500));
     EXPECT_TRUE(place(o, TestFrame{ticksAt(0), 0}).answer);
     EXPECT_TRUE(place(o, TestFrame{ticksAt(100), 0}).answer);
     EXPECT_EQ(o.nextFrameTime(), 100);  // the first frame became the zero point
-    QRLLog::setSink(previous);
+    QRLLog::flushLog();
+    QRLLog::removeLogger(capture);
+    const auto logged = capture->messages();
     ASSERT_EQ(logged.size(), 1u);
     EXPECT_EQ(logged[0].message, "Organizer videoRecordingStartedAt set to be after the first frame. Ignored.");
     EXPECT_EQ(logged[0].flag, kLogFlagError);

@@ -27,6 +27,8 @@
 #include "qrl/foundation/Clock.h"
 #include "qrl/foundation/PlatformLog.h"
 #include "qrl/logging/QRLLog.h"
+#include "qrl/logging/QRLTTYLogger.h"
+#include "qrl/logging/ThreadLogger.h"
 #include "qrl/timing/FrameTimeOrganizer.h"
 #include "qrl/timing/TimeUtilities.h"
 
@@ -140,7 +142,11 @@ int runRecording(const RecordOptions& options) {
     const uint64_t start = static_cast<uint64_t>(kFrequency) * 3600;
     auto clock = std::make_shared<SimulatedClock>(kFrequency, start);
     qrl_install_clock(clock);
-    QRLLog::setSink([](LogStatement&& s) { platformLog(s.message); });
+    // Log lines go to the terminal in the thread formatter's form.
+    auto lineFormat = std::make_shared<ThreadLogger>();
+    lineFormat->setIncludeDate(true);
+    QRLTTYLogger::sharedInstance()->setLogFormatter(lineFormat);
+    QRLLog::addLogger(QRLTTYLogger::sharedInstance());
 
     FrameTimeOrganizer organizer(options.fps);
     const uint64_t timeScale = organizer.timeScale();

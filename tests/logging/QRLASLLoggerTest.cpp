@@ -1,0 +1,208 @@
+#include "qrl/logging/QRLASLLogger.h"
+
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <optional>
+#include <regex>
+#include <string>
+#include <vector>
+
+#include "logging/CapturingLogger.h"
+#include "qrl/foundation/PlatformLog.h"
+#include "qrl/logging/ThreadLogger.h"
+#include "qrl/logging/detail/UniqueFd.h"
+
+namespace qrl {
+namespace {
+
+using detail::UniqueFd;
+
+// A private folder for the socket of a stand-in log daemon.
+struct Folder {
+    std::string path;
+    Folder() {
+        char name[] = "/tmp/qrl-syslog-XXXXXX";
+        if (::mkdtemp(name)) path = name;
+    }
+    ~Folder() { ::rmdir(path.c_str()); }
+    std::string socket() const { return path + "/log"; }
+};
+
+// A stand-in log daemon: a datagram socket bound at `path`.
+class Daemon {
+public:
+    explicit Daemon(std::string path)
+        : path_(std::move(path)), socket_(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        std::strncpy(address.sun_path, path_.c_str(), sizeof address.sun_path - 1);
+        bound_ = ::bind(socket_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+    }
+    ~Daemon() { ::unlink(path_.c_str()); }
+    bool bound() const { return bound_; }
+
+    // The next datagram, waiting up to ten seconds; nullopt if none came.
+    std::optional<std::string> receive() const {
+        pollfd p{socket_.get(), POLLIN, 0};
+        if (::poll(&p, 1, 10000) <= 0) return std::nullopt;
+        std::string buffer(70000, '\0');
+        const ssize_t n = ::recv(socket_.get(), buffer.data(), buffer.size(), 0);
+        if (n < 0) return std::nullopt;
+        buffer.resize(static_cast<size_t>(n));
+        return buffer;
+    }
+
+private:
+    std::string path_;
+    UniqueFd socket_;
+    bool bound_ = false;
+};
+
+// Collects the platform log's lines for the length of a test.
+class PlatformLines {
+public:
+    PlatformLines() {
+        previous_ = setPlatformLogWriter([this](std::string_view line) {
+            std::lock_guard lock(mutex_);
+            lines_.emplace_back(line);
+        });
+    }
+    ~PlatformLines() { setPlatformLogWriter(previous_); }
+    std::vector<std::string> lines() {
+        std::lock_guard lock(mutex_);
+        return lines_;
+    }
+
+private:
+    std::mutex mutex_;
+    std::vector<std::string> lines_;
+    PlatformLogWriter previous_;
+};
+
+void logAt(int32_t level, int32_t flag, const char* text) {
+    QRLLog::log(false, level, flag, 1, __FILE__, __func__, __LINE__, "%s", text);
+}
+
+// "<PRI>Mmm dd HH:MM:SS tag[pid]: " for this process.
+std::string headerPattern(const char* priority) {
+    return std::string("<") + priority +
+           R"(>(Jan|Feb|Mar|Apr|May|Jun|Jul|Aug|Sep|Oct|Nov|Dec) [ 1-3]\d \d\d:\d\d:\d\d )" +
+           program_invocation_short_name + "\\[" + std::to_string(::getpid()) + "\\]: ";
+}
+
+TEST(QRLASLLogger, SeverityGoesByTheLevelNotTheFlag) {
+    ASSERT_NE(QRLASLLogger::sharedInstance(), nullptr);
+    EXPECT_EQ(QRLASLLogger::create(), nullptr);  // one per process
+    EXPECT_EQ(QRLASLLogger::severityForLogLevel(1), 2);
+    EXPECT_EQ(QRLASLLogger::severityForLogLevel(2), 3);
+    EXPECT_EQ(QRLASLLogger::severityForLogLevel(3), 4);
+    for (int32_t level : {-1, 0, 4, 7, 15, 1000}) EXPECT_EQ(QRLASLLogger::severityForLogLevel(level), 5) << level;
+
+    Folder folder;
+    Daemon daemon(folder.socket());
+    ASSERT_TRUE(daemon.bound());
+    auto logger = QRLASLLogger::createForSocket(folder.socket(), std::chrono::milliseconds(0));
+    EXPECT_EQ(logger->loggerName(), "tigostu.aslLogger");
+    {
+        test::ScopedLogger scope(logger);
+        logAt(1, 1, "critical");
+        logAt(2, 2, "error");
+        logAt(3, 1, "an error flag at the warning level");
+        logAt(7, 1, "an error flag at the info level");
+        logAt(15, 8, "verbose");
+    }
+    const char* expected[][2] = {{"10", "critical"},
+                                 {"11", "error"},
+                                 {"12", "an error flag at the warning level"},
+                                 {"13", "an error flag at the info level"},
+                                 {"13", "verbose"}};
+    for (const auto& [priority, text] : expected) {
+        const auto datagram = daemon.receive();
+        ASSERT_TRUE(datagram.has_value()) << text;
+        EXPECT_TRUE(std::regex_match(*datagram, std::regex(headerPattern(priority) + text))) << *datagram;
+    }
+
+    logger->setLogFormatter(std::make_shared<ThreadLogger>());
+    {
+        test::ScopedLogger scope(logger);
+        logAt(3, 2, "formatted");
+    }
+    const auto formatted = daemon.receive();
+    ASSERT_TRUE(formatted.has_value());
+    EXPECT_TRUE(std::regex_match(*formatted, std::regex(headerPattern("12") + R"(\[\(null\)\] formatted)")))
+        << *formatted;
+}
+
+TEST(QRLASLLogger, AMissingDaemonIsReportedOnceAndFoundAgain) {
+    PlatformLines platform;
+    Folder folder;
+    const std::string path = folder.socket();
+    auto logger = QRLASLLogger::createForSocket(path, std::chrono::milliseconds(0));
+    test::ScopedLogger scope(logger);
+    for (int i = 0; i < 5; ++i) logAt(3, 2, "into the void");
+    QRLLog::flushLog();
+    ASSERT_EQ(platform.lines().size(), 1u);
+    EXPECT_NE(platform.lines()[0].find(path), std::string::npos) << platform.lines()[0];
+
+    {
+        Daemon daemon(path);
+        ASSERT_TRUE(daemon.bound());
+        logAt(3, 2, "first heard");
+        const auto datagram = daemon.receive();
+        ASSERT_TRUE(datagram.has_value());
+        EXPECT_TRUE(datagram->ends_with(": first heard")) << *datagram;
+    }
+    // The daemon went away: the next message is lost and said so, once more.
+    logAt(3, 2, "lost");
+    logAt(3, 2, "lost too");
+    QRLLog::flushLog();
+    EXPECT_EQ(platform.lines().size(), 2u);
+
+    Daemon restarted(path);
+    ASSERT_TRUE(restarted.bound());
+    logAt(3, 2, "back again");
+    const auto datagram = restarted.receive();
+    ASSERT_TRUE(datagram.has_value());
+    EXPECT_TRUE(datagram->ends_with(": back again")) << *datagram;
+    QRLLog::flushLog();
+    EXPECT_EQ(platform.lines().size(), 2u);
+}
+
+TEST(QRLASLLogger, ALongMessageArrivesWholeInSeveralDatagrams) {
+    Folder folder;
+    Daemon daemon(folder.socket());
+    ASSERT_TRUE(daemon.bound());
+    auto logger = QRLASLLogger::createForSocket(folder.socket(), std::chrono::milliseconds(0));
+    std::string text;
+    for (int i = 0; i < 10000; ++i) text += (i % 3 == 0) ? "\xc3\xa9" : "a";  // "é" is two bytes
+    {
+        test::ScopedLogger scope(logger);
+        logAt(7, 4, text.c_str());
+    }
+    std::string joined;
+    int datagrams = 0;
+    const std::regex header(headerPattern("13"));
+    while (joined.size() < text.size()) {
+        const auto datagram = daemon.receive();
+        ASSERT_TRUE(datagram.has_value()) << joined.size() << " of " << text.size();
+        ASSERT_LE(datagram->size(), detail::SyslogClient::kMaxDatagram);
+        std::smatch match;
+        ASSERT_TRUE(std::regex_search(*datagram, match, header) && match.position(0) == 0);
+        const std::string piece = datagram->substr(static_cast<size_t>(match.length(0)));
+        ASSERT_NE(static_cast<unsigned char>(piece[0]) & 0xC0, 0x80) << "cut inside a character";
+        joined += piece;
+        ++datagrams;
+    }
+    EXPECT_EQ(joined, text);
+    EXPECT_EQ(datagrams, 2);
+}
+
+}  // namespace
+}  // namespace qrl
