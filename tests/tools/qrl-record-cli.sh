@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # End-to-end checks of qrl-record: bad options fail with status 2 and leave
 # no movie behind; a good run writes a constant-rate movie whose frame count
-# matches the time line, and one timeline row per arrival.
+# matches the time line, and one timeline row per arrival; the GPU path and
+# the CPU path write the same movie of the simulated display.
 set -u
 prog=$1
 work=$(mktemp -d)
@@ -22,7 +23,10 @@ expect_usage_error --fps abc
 expect_usage_error --fps nan
 expect_usage_error --fps 30x
 expect_usage_error --seconds 0
-expect_usage_error --platform x11
+expect_usage_error --platform wayland
+expect_usage_error --gpu maybe
+expect_usage_error --platform x11 --size 64x36
+DISPLAY= expect_usage_error --platform x11
 expect_usage_error --size 17x9
 expect_usage_error --bogus
 expect_usage_error --fps
@@ -38,7 +42,7 @@ touch "$work/file"
 
 for fps in 15 29.97 59.94; do
   out=$work/run-$fps
-  "$prog" --seconds 3 --fps $fps --size 64x36 --out "$out" --seed 7 >"$work/summary" 2>/dev/null || fail "run at $fps failed"
+  "$prog" --platform sim --seconds 3 --fps $fps --size 64x36 --out "$out" --seed 7 >"$work/summary" 2>/dev/null || fail "run at $fps failed"
   [ -s "$out/movie.y4m" ] || fail "no movie at $fps"
   [ ! -e "$out/movie.y4m.partial" ] || fail "temporary movie left at $fps"
   header=$(head -c 200 "$out/movie.y4m" | head -n 1)
@@ -56,4 +60,9 @@ for fps in 15 29.97 59.94; do
   awk -F, -v fps=$fps 'NR > 1 && $3 == 1 { if (n++ && $4 != end) { print "gap at row " NR; exit 1 } end = $4 + $5 * d }
        BEGIN { d = (fps == 29.97) ? 1001 : (fps == 59.94 ? 99 : 100) }' "$out/timeline.csv" || fail "time line has a gap at $fps"
 done
+# The pattern through the GPU (EGL, where it can be had) and through the CPU.
+"$prog" --platform sim --seconds 1 --size 96x54 --out "$work/gpu" >/dev/null 2>"$work/gpu.err" || fail "GPU run failed"
+"$prog" --platform sim --seconds 1 --size 96x54 --out "$work/cpu" --gpu off >/dev/null 2>&1 || fail "CPU run failed"
+cmp -s "$work/gpu/movie.y4m" "$work/cpu/movie.y4m" || fail "the GPU and CPU paths wrote different movies"
+grep -q "converting on the" "$work/gpu.err" || fail "the GPU run did not say how it converts"
 echo "qrl-record CLI: all checks passed"

@@ -21,23 +21,32 @@ bool parseNumber(const std::string& text, double& out) {
 }  // namespace
 
 const char* recordUsage() {
-    return "usage: qrl-record [--seconds S] [--fps R] [--out DIR] [--platform sim] [--size WxH] [--seed N] [--realtime]\n"
+    return "usage: qrl-record [--seconds S] [--fps R] [--out DIR] [--platform sim|x11] [--gpu auto|on|off]\n"
+           "                  [--size WxH] [--seed N] [--realtime]\n"
            "\n"
-           "Records a moving test pattern from a virtual display whose frames arrive at\n"
-           "irregular times, places every frame on the movie's time line, and writes\n"
+           "Records a display, places every frame on the movie's time line, and writes\n"
            "DIR/movie.y4m (constant rate) and DIR/timeline.csv (one row per arrival).\n"
+           "On x11 it records the main display of the X server ($DISPLAY) in real time;\n"
+           "on sim, a moving test pattern from a virtual display whose frames arrive at\n"
+           "irregular times. Frames go to 4:2:0 through the GPU (EGL) where it can.\n"
+           "A display that changes size or goes away ends the recording, with a\n"
+           "complete movie.\n"
            "\n"
            "  --seconds S    length of the recording in seconds (default 10)\n"
            "  --fps R        movie frame rate, e.g. 15, 23.976, 29.97, 30, 60 (default 30)\n"
            "  --out DIR      output folder, made if missing (default qrl-record-out)\n"
-           "  --platform P   display platform; only 'sim' (the simulated display) for now\n"
-           "  --size WxH     picture size, even numbers from 16x16 to 3840x2160 (default 320x180)\n"
+           "  --platform P   'x11' (the X server; the default where $DISPLAY is set) or 'sim'\n"
+           "  --gpu G        'auto' (default): convert on the GPU where one can be had, else\n"
+           "                 on the CPU; 'on': the GPU or nothing; 'off': the CPU\n"
+           "  --size WxH     sim picture size, even numbers from 16x16 to 3840x2160 (default\n"
+           "                 320x180); implies sim, as x11 records the display at its own size\n"
            "  --seed N       seed of the arrival pattern (default 1)\n"
            "  --realtime     pace the recording to the wall clock instead of running flat out\n";
 }
 
 std::optional<RecordOptions> parseRecordOptions(int argc, char** argv, std::string& error) {
     RecordOptions o;
+    if (const char* display = std::getenv("DISPLAY"); display && *display) o.platform = "x11";
     auto fail = [&error](std::string reason) -> std::optional<RecordOptions> {
         error = std::move(reason);
         return std::nullopt;
@@ -83,9 +92,15 @@ std::optional<RecordOptions> parseRecordOptions(int argc, char** argv, std::stri
             o.out = value;
         } else if (arg == "--platform") {
             if (!needValue()) return std::nullopt;
-            if (value != "sim")
-                return fail("platform '" + value + "' is not available; the only platform is 'sim' (the simulated display)");
+            if (value != "sim" && value != "x11")
+                return fail("platform '" + value + "' is not available; the platforms are 'x11' and 'sim'");
             o.platform = value;
+            o.platformGiven = true;
+        } else if (arg == "--gpu") {
+            if (!needValue()) return std::nullopt;
+            if (value != "auto" && value != "on" && value != "off")
+                return fail("--gpu must be 'auto', 'on' or 'off', got '" + value + "'");
+            o.gpu = value;
         } else if (arg == "--size") {
             if (!needValue()) return std::nullopt;
             int w = 0, h = 0;
@@ -95,6 +110,7 @@ std::optional<RecordOptions> parseRecordOptions(int argc, char** argv, std::stri
                 return fail("--size must be WxH with even numbers from 16x16 to 3840x2160, got '" + value + "'");
             o.width = w;
             o.height = h;
+            o.sizeGiven = true;
         } else if (arg == "--seed") {
             if (!needValue()) return std::nullopt;
             errno = 0;
@@ -106,6 +122,9 @@ std::optional<RecordOptions> parseRecordOptions(int argc, char** argv, std::stri
             return fail("unknown option '" + std::string(argv[i]) + "'");
         }
     }
+    if (o.sizeGiven && !o.platformGiven) o.platform = "sim";  // only the simulated display has a chosen size
+    if (o.platform == "x11" && o.sizeGiven)
+        return fail("--size applies to the sim platform; x11 records the display at its own size");
     return o;
 }
 

@@ -12,9 +12,14 @@ struct RecordOptions {
     double seconds = 10.0;
     float fps = 30.0f;
     std::string out = "qrl-record-out";
+    // "x11" where $DISPLAY is set, else "sim".
     std::string platform = "sim";
+    bool platformGiven = false;
+    // "auto": the GPU path where a GL renderer can be had; "on": only that; "off": the CPU.
+    std::string gpu = "auto";
     int width = 320;
     int height = 180;
+    bool sizeGiven = false;
     uint64_t seed = 1;
     bool realtime = false;
     bool help = false;

@@ -88,4 +88,49 @@ void TestPattern::render(uint64_t number, double seconds) {
     drawText(2 * scale, 11 * scale, scale, clock, 235);
 }
 
+void TestPattern::toBGRA(std::vector<uint8_t>& out) const {
+    out.resize(static_cast<size_t>(width_) * height_ * 4);
+    const int cw = width_ / 2, ch = height_ / 2;
+    const uint8_t* luma = planes_.data();
+    const uint8_t* cb = luma + static_cast<size_t>(width_) * height_;
+    const uint8_t* cr = cb + static_cast<size_t>(cw) * ch;
+    auto to8 = [](double v) { return static_cast<uint8_t>(std::clamp(std::lround(v * 255.0), 0L, 255L)); };
+    for (int y = 0; y < height_; ++y) {
+        for (int x = 0; x < width_; ++x) {
+            const size_t c = static_cast<size_t>(std::min(y / 2, ch - 1)) * cw + std::min(x / 2, cw - 1);
+            const double Y = (luma[static_cast<size_t>(y) * width_ + x] - 16.0) / 219.0;
+            const double Cb = (cb[c] - 128.0) / 224.0, Cr = (cr[c] - 128.0) / 224.0;
+            uint8_t* p = &out[(static_cast<size_t>(y) * width_ + x) * 4];
+            p[0] = to8(Y + 1.772 * Cb);
+            p[1] = to8(Y - 0.344136 * Cb - 0.714136 * Cr);
+            p[2] = to8(Y + 1.402 * Cr);
+            p[3] = 255;
+        }
+    }
+}
+
+void convertBGRAToYCbCr420(const uint8_t* bgra, size_t stride, int width, int height, uint8_t* planes) {
+    const int cw = (width + 1) / 2, ch = (height + 1) / 2;
+    auto at = [&](int x, int y, int c) -> int {
+        return bgra[static_cast<size_t>(std::min(y, height - 1)) * stride + static_cast<size_t>(std::min(x, width - 1)) * 4 + c];
+    };
+    auto round8 = [](double v) { return static_cast<uint8_t>(std::clamp(std::lround(v), 0L, 255L)); };
+    for (int y = 0; y < height; ++y)
+        for (int x = 0; x < width; ++x)
+            planes[static_cast<size_t>(y) * width + x] =
+                round8(16.0 + (65.481 * at(x, y, 2) + 128.553 * at(x, y, 1) + 24.966 * at(x, y, 0)) / 255.0);
+    uint8_t* cb = planes + static_cast<size_t>(width) * height;
+    uint8_t* cr = cb + static_cast<size_t>(cw) * ch;
+    for (int r = 0; r < ch; ++r) {
+        for (int c = 0; c < cw; ++c) {
+            double rgb[3];
+            for (int k = 0; k < 3; ++k)
+                rgb[k] = (at(2 * c, 2 * r, 2 - k) + at(2 * c + 1, 2 * r, 2 - k) + at(2 * c, 2 * r + 1, 2 - k) +
+                          at(2 * c + 1, 2 * r + 1, 2 - k)) / 4.0;
+            cb[static_cast<size_t>(r) * cw + c] = round8(128.0 + (-37.797 * rgb[0] - 74.203 * rgb[1] + 112.0 * rgb[2]) / 255.0);
+            cr[static_cast<size_t>(r) * cw + c] = round8(128.0 + (112.0 * rgb[0] - 93.786 * rgb[1] - 18.214 * rgb[2]) / 255.0);
+        }
+    }
+}
+
 }  // namespace qrl::record

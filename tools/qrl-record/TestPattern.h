@@ -2,11 +2,16 @@
 // sweeps across with time, and the frame number and capture time burnt in.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <vector>
 
 namespace qrl::record {
+
+// BGRA (rows of `stride` bytes) to planar BT.601 studio-range 4:2:0, chroma
+// from the mean of each 2x2 block: the CPU's version of the GPU path.
+void convertBGRAToYCbCr420(const uint8_t* bgra, size_t stride, int width, int height, uint8_t* planes);
 
 class TestPattern {
 public:
@@ -19,6 +24,9 @@ public:
 
     // Redraws the picture for frame `number` captured `seconds` into the recording.
     void render(uint64_t number, double seconds);
+    // The current picture as a display would show it: 8-bit BGRA rows of
+    // 4 * width bytes (BT.601 studio range to RGB, chroma repeated over its block).
+    void toBGRA(std::vector<uint8_t>& out) const;
 
 private:
     void fillRect(int x, int y, int w, int h, uint8_t Y, uint8_t Cb, uint8_t Cr);

@@ -1,10 +1,16 @@
-// qrl-record: records a virtual display through the frame time organizer.
+// qrl-record: records a display through the frame time organizer.
 //
-// The simulated display draws a moving test pattern and delivers frames at
-// irregular moments (jitter, bursts, stalls) on the simulated clock. Every
-// arrival goes through FrameTimeOrganizer; each kept frame is written to a
-// constant-rate movie as many times as its number of steps, so the movie is
-// a true constant-rate file, and every arrival gets a row in timeline.csv.
+// On x11 the main display of the X server is captured in real time (MIT-SHM)
+// at the movie's frame rate. On sim a simulated display draws a moving test
+// pattern and delivers frames at irregular moments (jitter, bursts, stalls)
+// on the simulated clock. Every arrival goes through FrameTimeOrganizer; each
+// kept frame goes to 4:2:0 on the GPU (a capture texture drawn through a
+// frame buffer by a fragment shader, then read back; EGL's renderer, Mesa's
+// software one where there is no GPU) or, where no GL renderer can be had, on
+// the CPU, and is written to a constant-rate movie as many times as its
+// number of steps. Every arrival gets a row in timeline.csv. A display that
+// changes size or goes away ends the recording with a message and a complete
+// movie.
 #include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -29,8 +35,18 @@
 #include "qrl/logging/QRLLog.h"
 #include "qrl/logging/QRLTTYLogger.h"
 #include "qrl/logging/ThreadLogger.h"
+#include "qrl/foundation/NotificationCenter.h"
+#include "qrl/foundation/RunLoop.h"
 #include "qrl/timing/FrameTimeOrganizer.h"
 #include "qrl/timing/TimeUtilities.h"
+#include "qrl/video/DisplayServer.h"
+#include "qrl/video/DisplaysProvider.h"
+#include "qrl/video/GraphicsDevices.h"
+#include "qrl/video/OpenGLContextManager.h"
+#include "qrl/video/ScreenCapture.h"
+#include "qrl/video/VideoPlatform.h"
+#include "qrl/video/gl/CaptureConverter.h"
+#include "qrl/video/sim/DisplayServerSim.h"
 
 namespace {
 
@@ -135,53 +151,172 @@ private:
     std::FILE* file_ = nullptr;
 };
 
-int runRecording(const RecordOptions& options) {
+// Log lines go to the terminal in the thread formatter's form; the engine
+// flushes them at exit.
+void setUpLogging() {
+    auto lineFormat = std::make_shared<ThreadLogger>();
+    lineFormat->setIncludeDate(true);
+    QRLTTYLogger::sharedInstance()->setLogFormatter(lineFormat);
+    QRLLog::addLogger(QRLTTYLogger::sharedInstance());
+}
+
+// The GPU path: a context manager for the display's renderer and a capture
+// converter on it.
+class GpuPath {
+public:
+    // Null, with the reason in `why`, where no renderer draws real pixels.
+    static std::unique_ptr<GpuPath> open(const std::shared_ptr<DisplaysProvider>& provider,
+                                         const DisplayMetadata& display, int width, int height, std::string& why) {
+        const auto devices = VideoPlatform::graphicsDevices();
+        if (devices->backendName() != "egl") {
+            why = devices->backendName() == "sim" ? "the renderers are simulated and draw no pixels"
+                                                  : "no GL renderer: " + VideoPlatform::choiceReport();
+            return nullptr;
+        }
+        try {
+            std::unique_ptr<GpuPath> path(new GpuPath());
+            const Value renderer = provider->renderIDForActiveDisplay(display);
+            path->manager_ = OpenGLContextManager::contextManagerForRenderer(renderer, false, provider);
+            path->converter_ = std::make_unique<CaptureConverter>(path->manager_, width, height);
+            path->renderer_ = path->manager_->nsOpenGLContextAtIndex(0)->getString(GL_RENDERER).value_or("?");
+            return path;
+        } catch (const std::exception& e) {
+            why = e.what();
+            return nullptr;
+        }
+    }
+    ~GpuPath() {
+        converter_.reset();
+        if (manager_) manager_->cleanUp();
+    }
+    void convert(const uint8_t* bgra, size_t stride, std::vector<uint8_t>& planes) {
+        planes.resize(converter_->planesSize());
+        converter_->convert(bgra, stride, planes.data());
+    }
+    const std::string& renderer() const { return renderer_; }
+
+private:
+    GpuPath() = default;
+    std::shared_ptr<OpenGLContextManager> manager_;
+    std::unique_ptr<CaptureConverter> converter_;
+    std::string renderer_;
+};
+
+// Opens the GPU path as --gpu asks; null means the CPU converts. Throws when
+// the GPU was required and cannot be had.
+std::unique_ptr<GpuPath> openGpuPath(const RecordOptions& options, const std::shared_ptr<DisplaysProvider>& provider,
+                                     const DisplayMetadata& display, int width, int height) {
+    if (options.gpu == "off") return nullptr;
+    std::string why;
+    auto path = GpuPath::open(provider, display, width, height, why);
+    if (!path && options.gpu == "on") throw std::runtime_error("the GPU path is not available: " + why);
+    if (path) std::fprintf(stderr, "qrl-record: converting on the GPU (%s)\n", path->renderer().c_str());
+    else std::fprintf(stderr, "qrl-record: converting on the CPU (%s)\n", why.c_str());
+    return path;
+}
+
+struct Tally {
+    uint64_t arrived = 0, kept = 0, dropped = 0;
+    int64_t firstMovieTime = 0;
+    double lastProgress = -1.0;
+};
+
+// One arrival: placed by the organizer, converted and written when kept, and
+// a row of the time line either way.
+template <class Frame, class Convert>
+void placeFrame(FrameTimeOrganizer& organizer, const Frame& frame, double seconds, Tally& t, Y4MWriter& movie,
+                std::FILE* timeline, Convert&& convert) {
+    std::string_view reason;
+    const bool accepted = organizer.receiveFrame(&frame, &reason);
+    const int64_t movieTime = organizer.qrlUSecondsToTimescale(static_cast<int64_t>(frame.timeStamp()));
+    if (t.arrived == 0) t.firstMovieTime = movieTime;
+    ++t.arrived;
+    if (accepted) {
+        ++t.kept;
+        movie.writeFrame(convert(), organizer.numberOfFrameDurationSteps());
+        std::fprintf(timeline, "%.6f,%lld,1,%lld,%u,\n", seconds, static_cast<long long>(movieTime - t.firstMovieTime),
+                     static_cast<long long>(organizer.nextFrameTime()), organizer.numberOfFrameDurationSteps());
+    } else {
+        ++t.dropped;
+        std::fprintf(timeline, "%.6f,%lld,0,,0,%s\n", seconds, static_cast<long long>(movieTime - t.firstMovieTime),
+                     reason.empty() ? "inside the previous frame" : std::string(reason).c_str());
+    }
+}
+
+void progress(const RecordOptions& options, Tally& t, double seconds, bool final) {
+    const bool tty = ::isatty(STDERR_FILENO) != 0;
+    if (!final && (tty ? seconds - t.lastProgress < 0.1 : seconds - t.lastProgress < 1.0)) return;
+    if (tty) {
+        std::fprintf(stderr, "\rrecording %7.2f s / %.2f s   arrived %6llu   kept %6llu   dropped %5llu%s", seconds,
+                     options.seconds, static_cast<unsigned long long>(t.arrived), static_cast<unsigned long long>(t.kept),
+                     static_cast<unsigned long long>(t.dropped), final ? "\n" : "");
+    } else {
+        std::fprintf(stderr, "recording %7.2f s / %.2f s   arrived %llu   kept %llu   dropped %llu\n", seconds,
+                     options.seconds, static_cast<unsigned long long>(t.arrived), static_cast<unsigned long long>(t.kept),
+                     static_cast<unsigned long long>(t.dropped));
+    }
+    t.lastProgress = seconds;
+}
+
+void printSummary(const RecordOptions& options, const FrameTimeOrganizer& organizer, const Y4MWriter& movie,
+                  const Tally& t, const std::string& moviePath, const std::string& timelinePath) {
+    const uint64_t timeScale = organizer.timeScale();
+    const uint64_t duration = organizer.frameDuration();
+    const uint64_t frames = movie.framesWritten();
+    const double movieSeconds = static_cast<double>(frames * duration) / static_cast<double>(timeScale);
+    std::printf("qrl-record: %s%.2f s at %g fps (time scale %llu, frame duration %llu)\n",
+                gInterrupted.load() ? "interrupted after " : "", movieSeconds, static_cast<double>(options.fps),
+                static_cast<unsigned long long>(timeScale), static_cast<unsigned long long>(duration));
+    std::printf("  arrived     %llu\n", static_cast<unsigned long long>(t.arrived));
+    std::printf("  kept        %llu\n", static_cast<unsigned long long>(t.kept));
+    std::printf("  dropped     %llu\n", static_cast<unsigned long long>(t.dropped));
+    std::printf("  duplicated  %llu  (extra copies that hold the time line across late frames)\n",
+                static_cast<unsigned long long>(frames - t.kept));
+    std::printf("  duration    %.3f s, %llu frames\n", movieSeconds, static_cast<unsigned long long>(frames));
+    std::printf("  effective   %.2f fps of fresh frames\n", movieSeconds > 0 ? static_cast<double>(t.kept) / movieSeconds : 0.0);
+    std::printf("  files       %s, %s\n", moviePath.c_str(), timelinePath.c_str());
+}
+
+int runSimulated(const RecordOptions& options) {
     // The simulated platform: a 24 MHz clock that starts well after zero, as
     // a host clock would after some uptime.
     constexpr double kFrequency = 24'000'000.0;
     const uint64_t start = static_cast<uint64_t>(kFrequency) * 3600;
     auto clock = std::make_shared<SimulatedClock>(kFrequency, start);
     qrl_install_clock(clock);
-    // Log lines go to the terminal in the thread formatter's form.
-    auto lineFormat = std::make_shared<ThreadLogger>();
-    lineFormat->setIncludeDate(true);
-    QRLTTYLogger::sharedInstance()->setLogFormatter(lineFormat);
-    QRLLog::addLogger(QRLTTYLogger::sharedInstance());
+    setUpLogging();
+
+    // One simulated display of the picture's size; the renderers are the
+    // platform's own (EGL), so that the GPU path draws real pixels.
+    auto displays = std::make_shared<DisplayServerSim>(NotificationCenter::defaultCenter());
+    SimDisplay display;
+    display.id = 1;
+    display.frame = NSMakeRect(0, 0, options.width, options.height);
+    displays->setDisplays({display});
+    VideoPlatform::install(displays, nullptr);
+    std::shared_ptr<DisplaysProvider> provider;
+    std::unique_ptr<GpuPath> gpu;
+    if (options.gpu != "off") {
+        provider = DisplaysProvider::create(NotificationCenter::defaultCenter());
+        const auto maps = provider->metadataForAllConnectedDisplays();
+        if (maps.empty()) throw std::runtime_error("the simulated display is missing");
+        gpu = openGpuPath(options, provider, maps.front(), options.width, options.height);
+    }
 
     FrameTimeOrganizer organizer(options.fps);
-    const uint64_t timeScale = organizer.timeScale();
-    const uint64_t duration = organizer.frameDuration();
-
     const std::string moviePath = options.out + "/movie.y4m";
     const std::string timelinePath = options.out + "/timeline.csv";
-    Y4MWriter movie(moviePath, options.width, options.height, timeScale, duration);
+    Y4MWriter movie(moviePath, options.width, options.height, organizer.timeScale(), organizer.frameDuration());
     AtomicTextFile timeline(timelinePath);
     std::fprintf(timeline.get(), "arrival,relative,kept,start,steps,reason\n");
 
     TestPattern pattern(options.width, options.height);
     ArrivalPattern arrivals(options.fps, kFrequency, start, options.seed);
+    std::vector<uint8_t> bgra, planes;
 
-    const bool tty = ::isatty(STDERR_FILENO) != 0;
     const auto wallStart = std::chrono::steady_clock::now();
     const uint64_t end = start + static_cast<uint64_t>(options.seconds * kFrequency);
-    uint64_t arrived = 0, kept = 0, dropped = 0;
-    int64_t firstMovieTime = 0;
-    double lastProgress = -1.0;
-
-    auto progress = [&](double seconds, bool final) {
-        if (tty) {
-            std::fprintf(stderr, "\rrecording %7.2f s / %.2f s   arrived %6llu   kept %6llu   dropped %5llu%s", seconds,
-                         options.seconds, static_cast<unsigned long long>(arrived),
-                         static_cast<unsigned long long>(kept), static_cast<unsigned long long>(dropped),
-                         final ? "\n" : "");
-        } else if (final || seconds - lastProgress >= 1.0) {
-            std::fprintf(stderr, "recording %7.2f s / %.2f s   arrived %llu   kept %llu   dropped %llu\n", seconds,
-                         options.seconds, static_cast<unsigned long long>(arrived),
-                         static_cast<unsigned long long>(kept), static_cast<unsigned long long>(dropped));
-        }
-        lastProgress = seconds;
-    };
-
+    Tally tally;
     for (;;) {
         const DisplayFrame frame = arrivals.next();
         if (frame.arrival >= end || gInterrupted.load()) break;
@@ -190,44 +325,91 @@ int runRecording(const RecordOptions& options) {
         if (options.realtime)
             std::this_thread::sleep_until(wallStart + std::chrono::duration_cast<std::chrono::steady_clock::duration>(
                                                           std::chrono::duration<double>(seconds)));
-
-        std::string_view reason;
-        const bool accepted = organizer.receiveFrame(&frame, &reason);
-        const int64_t movieTime = organizer.qrlUSecondsToTimescale(static_cast<int64_t>(frame.arrival));
-        if (arrived == 0) firstMovieTime = movieTime;
-        ++arrived;
-        if (accepted) {
-            ++kept;
+        placeFrame(organizer, frame, seconds, tally, movie, timeline.get(), [&]() -> const std::vector<uint8_t>& {
             pattern.render(frame.number, static_cast<double>(frame.capture - start) / kFrequency);
-            movie.writeFrame(pattern.planes(), organizer.numberOfFrameDurationSteps());
-            std::fprintf(timeline.get(), "%.6f,%lld,1,%lld,%u,\n", seconds,
-                         static_cast<long long>(movieTime - firstMovieTime),
-                         static_cast<long long>(organizer.nextFrameTime()), organizer.numberOfFrameDurationSteps());
-        } else {
-            ++dropped;
-            std::fprintf(timeline.get(), "%.6f,%lld,0,,0,%s\n", seconds, static_cast<long long>(movieTime - firstMovieTime),
-                         reason.empty() ? "inside the previous frame" : std::string(reason).c_str());
-        }
-        if (tty ? seconds - lastProgress >= 0.1 : seconds - lastProgress >= 1.0) progress(seconds, false);
+            if (!gpu) return pattern.planes();
+            pattern.toBGRA(bgra);
+            gpu->convert(bgra.data(), static_cast<size_t>(options.width) * 4, planes);
+            return planes;
+        });
+        progress(options, tally, seconds, false);
     }
-    progress(static_cast<double>(std::min(clock->now(), end) - start) / kFrequency, true);
-
+    progress(options, tally, static_cast<double>(std::min(clock->now(), end) - start) / kFrequency, true);
+    gpu.reset();
     movie.finish();
     timeline.finish();
+    printSummary(options, organizer, movie, tally, moviePath, timelinePath);
+    return 0;
+}
 
-    const uint64_t frames = movie.framesWritten();
-    const double movieSeconds = static_cast<double>(frames * duration) / static_cast<double>(timeScale);
-    std::printf("qrl-record: %s%.2f s at %g fps (time scale %llu, frame duration %llu)\n",
-                gInterrupted.load() ? "interrupted after " : "", movieSeconds, static_cast<double>(options.fps),
-                static_cast<unsigned long long>(timeScale), static_cast<unsigned long long>(duration));
-    std::printf("  arrived     %llu\n", static_cast<unsigned long long>(arrived));
-    std::printf("  kept        %llu\n", static_cast<unsigned long long>(kept));
-    std::printf("  dropped     %llu\n", static_cast<unsigned long long>(dropped));
-    std::printf("  duplicated  %llu  (extra copies that hold the time line across late frames)\n",
-                static_cast<unsigned long long>(frames - kept));
-    std::printf("  duration    %.3f s, %llu frames\n", movieSeconds, static_cast<unsigned long long>(frames));
-    std::printf("  effective   %.2f fps of fresh frames\n", movieSeconds > 0 ? static_cast<double>(kept) / movieSeconds : 0.0);
-    std::printf("  files       %s, %s\n", moviePath.c_str(), timelinePath.c_str());
+int runX11(const RecordOptions& options) {
+    setUpLogging();
+    // The X server of $DISPLAY, whatever QRL_PLATFORM says.
+    ::setenv("QRL_DISPLAY_PLATFORM", "x11", 1);
+    const auto server = VideoPlatform::displayServer();
+    if (server->backendName() != "x11") throw std::runtime_error("cannot record the X display: " + VideoPlatform::choiceReport());
+    auto provider = DisplaysProvider::create(NotificationCenter::defaultCenter());
+    if (!provider->monitorMainDisplayForCapture()) throw std::runtime_error("cannot monitor the main display");
+    const CGDirectDisplayID id = provider->displayBeingMonitored();
+    DisplayMetadata map;
+    for (const auto& m : provider->metadataForAllConnectedDisplays())
+        if (provider->displayIDForMetadata(m) == id) map = m;
+    if (!map) throw std::runtime_error("the main display is not among the displays");
+    std::string why;
+    auto capture = openScreenCapture(*server, id, &why);
+    if (!capture) throw std::runtime_error("cannot capture the display: " + why);
+    const int width = capture->width(), height = capture->height();
+    std::fprintf(stderr, "qrl-record: recording display %u, %d x %d, through %s\n", id, width, height,
+                 capture->sharedMemory() ? "shared memory" : "the X connection");
+    auto gpu = openGpuPath(options, provider, map, width, height);
+
+    FrameTimeOrganizer organizer(options.fps);
+    const std::string moviePath = options.out + "/movie.y4m";
+    const std::string timelinePath = options.out + "/timeline.csv";
+    Y4MWriter movie(moviePath, width, height, organizer.timeScale(), organizer.frameDuration());
+    AtomicTextFile timeline(timelinePath);
+    std::fprintf(timeline.get(), "arrival,relative,kept,start,steps,reason\n");
+
+    std::vector<uint8_t> planes;
+    const double interval = 1.0 / options.fps;
+    const uint64_t start = qrl_useconds();
+    const double frequency = static_cast<double>(QRL_USECONDS_TIMESCALE);
+    Tally tally;
+    std::string ended;
+    for (uint64_t n = 0; !gInterrupted.load(); ++n) {
+        const double due = static_cast<double>(n) * interval;
+        if (due >= options.seconds) break;
+        // Wait for the frame's moment, letting the run loop deliver the display server's news meanwhile.
+        const double now = static_cast<double>(qrl_useconds() - start) / frequency;
+        if (due > now) RunLoop::main().runFor(due - now);
+        const ScreenCapture::Result status = capture->capture();
+        if (status != ScreenCapture::Result::Captured) {
+            ended = capture->failure();
+            if (status == ScreenCapture::Result::Failed) throw std::runtime_error("capture failed: " + ended);
+            break;
+        }
+        DisplayFrame frame;
+        frame.number = n + 1;
+        frame.arrival = frame.capture = qrl_useconds();
+        const double seconds = static_cast<double>(frame.arrival - start) / frequency;
+        placeFrame(organizer, frame, seconds, tally, movie, timeline.get(), [&]() -> const std::vector<uint8_t>& {
+            if (gpu) {
+                gpu->convert(capture->pixels(), capture->stride(), planes);
+            } else {
+                planes.resize(static_cast<size_t>(width) * height + 2 * static_cast<size_t>((width + 1) / 2) * ((height + 1) / 2));
+                convertBGRAToYCbCr420(capture->pixels(), capture->stride(), width, height, planes.data());
+            }
+            return planes;
+        });
+        progress(options, tally, seconds, false);
+    }
+    progress(options, tally, static_cast<double>(qrl_useconds() - start) / frequency, true);
+    if (!ended.empty()) std::fprintf(stderr, "qrl-record: %s; the recording ends here\n", ended.c_str());
+    gpu.reset();
+    movie.finish();
+    timeline.finish();
+    provider->stopMonitoringForCapturedDisplay();
+    printSummary(options, organizer, movie, tally, moviePath, timelinePath);
     return 0;
 }
 
@@ -252,8 +434,12 @@ int main(int argc, char** argv) {
     action.sa_handler = onInterrupt;
     sigaction(SIGINT, &action, nullptr);
     sigaction(SIGTERM, &action, nullptr);
+    if (options->platform == "x11" && !(std::getenv("DISPLAY") && *std::getenv("DISPLAY"))) {
+        std::fprintf(stderr, "qrl-record: --platform x11 needs an X display, and $DISPLAY is not set\n");
+        return 2;
+    }
     try {
-        return runRecording(*options);
+        return options->platform == "x11" ? runX11(*options) : runSimulated(*options);
     } catch (const std::exception& e) {
         std::fprintf(stderr, "\nqrl-record: %s\n", e.what());
         return 1;

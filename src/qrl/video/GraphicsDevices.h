@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <span>
 #include <string_view>
@@ -19,14 +20,31 @@ using CGLError = int32_t;
 inline constexpr CGLError kCGLNoError = 0;
 inline constexpr CGLError kCGLBadAttribute = 10000;
 inline constexpr CGLError kCGLBadPixelFormat = 10002;
-inline constexpr CGLError kCGLBadContext = 10006;
-inline constexpr CGLError kCGLBadDisplay = 10007;
+inline constexpr CGLError kCGLBadContext = 10004;
+inline constexpr CGLError kCGLBadDisplay = 10006;
+inline constexpr CGLError kCGLBadValue = 10008;
 inline constexpr CGLError kCGLBadAlloc = 10016;
 inline constexpr CGLError kCGLBadConnection = 10017;
 
 // Pixel format attributes understood by choosePixelFormat; a list ends with 0.
+// Those in pixelFormatAttributeTakesValue() are followed by their value.
+inline constexpr int32_t kCGLPFAAllRenderers = 1;
+inline constexpr int32_t kCGLPFADoubleBuffer = 5;
+inline constexpr int32_t kCGLPFAColorSize = 8;
+inline constexpr int32_t kCGLPFADepthSize = 12;
 inline constexpr int32_t kCGLPFAFullScreen = 54;
+inline constexpr int32_t kCGLPFANoRecovery = 72;
+inline constexpr int32_t kCGLPFAAccelerated = 73;
 inline constexpr int32_t kCGLPFADisplayMask = 84;
+inline constexpr int32_t kCGLPFAPBuffer = 90;
+inline constexpr int32_t kCGLPFAVirtualScreenCount = 128;
+
+// Whether an attribute is followed by a value in an attribute list.
+bool pixelFormatAttributeTakesValue(int32_t attribute);
+// A 0-terminated attribute list as attribute to value (1 for flags).
+// kCGLBadAttribute for an unknown attribute or a value cut off by the end,
+// kCGLBadDisplay when no non-zero kCGLPFADisplayMask is given.
+CGLError parsePixelFormatAttributes(std::span<const int32_t> attributes, std::map<int32_t, int32_t>& parsed);
 
 // The properties of one renderer, as 32-bit integers.
 struct RendererDescription {
@@ -56,6 +74,15 @@ public:
     // A new context for a format from choosePixelFormat, sharing objects with
     // `share` when given; null on failure.
     virtual std::unique_ptr<GLContext> createContext(const GLPixelFormat& format, GLContext* share) = 0;
+    // The value of one attribute of a format for a virtual screen (Linux has
+    // one, 0). Non-zero on failure: kCGLBadValue for another virtual screen,
+    // kCGLBadPixelFormat for a format of another backend.
+    virtual CGLError describePixelFormat(const GLPixelFormat& format, int32_t virtualScreen, int32_t attribute,
+                                         int32_t& value) {
+        (void)format, (void)virtualScreen, (void)attribute;
+        value = 0;
+        return kCGLBadPixelFormat;
+    }
 };
 
 }  // namespace qrl

@@ -7,9 +7,11 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <map>
 
 #include "qrl/foundation/Format.h"
 #include "qrl/foundation/PlatformLog.h"
+#include "qrl/video/egl/GLContextEGL.h"
 
 namespace qrl {
 
@@ -19,10 +21,6 @@ struct EGLEntryPoints {
     PFNEGLQUERYDEVICESEXTPROC queryDevices = nullptr;
     PFNEGLQUERYDEVICESTRINGEXTPROC queryDeviceString = nullptr;
     PFNEGLGETPLATFORMDISPLAYEXTPROC getPlatformDisplay = nullptr;
-    using GetString = const unsigned char* (*)(unsigned int);
-    using GetError = unsigned int (*)();
-    GetString glGetString = nullptr;
-    GetError glGetError = nullptr;
 };
 
 const EGLEntryPoints& entryPoints() {
@@ -33,8 +31,6 @@ const EGLEntryPoints& entryPoints() {
             reinterpret_cast<PFNEGLQUERYDEVICESTRINGEXTPROC>(eglGetProcAddress("eglQueryDeviceStringEXT"));
         p.getPlatformDisplay =
             reinterpret_cast<PFNEGLGETPLATFORMDISPLAYEXTPROC>(eglGetProcAddress("eglGetPlatformDisplayEXT"));
-        p.glGetString = reinterpret_cast<EGLEntryPoints::GetString>(eglGetProcAddress("glGetString"));
-        p.glGetError = reinterpret_cast<EGLEntryPoints::GetError>(eglGetProcAddress("glGetError"));
         return p;
     }();
     return e;
@@ -73,78 +69,10 @@ int32_t vramBytes(const std::string& folder) {
 
 struct PixelFormatEGL final : GLPixelFormat {
     EGLDisplay display = EGL_NO_DISPLAY;
-    EGLConfig config = nullptr;
+    EGLConfig config = nullptr;  // null for a configless context
     bool surfaceless = false;
-};
-
-// A context of one device's display; made current around each GL call,
-// with the thread's previous binding put back afterwards.
-class GLContextEGL final : public GLContext {
-public:
-    GLContextEGL(EGLDisplay display, EGLContext context, EGLSurface pbuffer)
-        : display_(display), context_(context), pbuffer_(pbuffer) {}
-    ~GLContextEGL() override {
-        if (eglGetCurrentContext() == context_) eglMakeCurrent(display_, EGL_NO_SURFACE, EGL_NO_SURFACE, EGL_NO_CONTEXT);
-        eglDestroyContext(display_, context_);
-        if (pbuffer_ != EGL_NO_SURFACE) eglDestroySurface(display_, pbuffer_);
-    }
-    GLContextEGL(const GLContextEGL&) = delete;
-    GLContextEGL& operator=(const GLContextEGL&) = delete;
-
-    EGLContext handle() const { return context_; }
-
-    void lock() override { mutex_.lock(); }
-    void unlock() override { mutex_.unlock(); }
-
-    std::optional<std::string> getString(uint32_t name) override {
-        std::optional<std::string> out;
-        withCurrent([&] {
-            if (!entryPoints().glGetString) return;
-            const unsigned char* s = entryPoints().glGetString(name);
-            if (s) out = std::string(reinterpret_cast<const char*>(s));
-        });
-        return out;
-    }
-
-    uint32_t getError() override {
-        uint32_t e = GL_NO_ERROR;
-        withCurrent([&] {
-            if (entryPoints().glGetError) e = entryPoints().glGetError();
-        });
-        return e;
-    }
-
-    bool makeCurrent() override {
-        if (!eglMakeCurrent(display_, pbuffer_, pbuffer_, context_)) return false;
-        setCurrent(this);
-        return true;
-    }
-
-protected:
-    void releaseCurrent() override { eglMakeCurrent(display_, EGL_NO_SURFACE, EGL_NO_SURFACE, EGL_NO_CONTEXT); }
-
-private:
-    template <class F>
-    void withCurrent(F&& f) {
-        std::lock_guard lock(mutex_);
-        if (eglGetCurrentContext() == context_) {
-            f();
-            return;
-        }
-        const EGLDisplay oldDisplay = eglGetCurrentDisplay();
-        const EGLContext oldContext = eglGetCurrentContext();
-        const EGLSurface oldDraw = eglGetCurrentSurface(EGL_DRAW);
-        const EGLSurface oldRead = eglGetCurrentSurface(EGL_READ);
-        if (!eglMakeCurrent(display_, pbuffer_, pbuffer_, context_)) return;
-        f();
-        if (oldContext != EGL_NO_CONTEXT) eglMakeCurrent(oldDisplay, oldDraw, oldRead, oldContext);
-        else eglMakeCurrent(display_, EGL_NO_SURFACE, EGL_NO_SURFACE, EGL_NO_CONTEXT);
-    }
-
-    EGLDisplay display_;
-    EGLContext context_;
-    EGLSurface pbuffer_;
-    std::recursive_mutex mutex_;
+    bool accelerated = false;
+    std::map<int32_t, int32_t> attributes;
 };
 
 }  // namespace
@@ -162,6 +90,22 @@ int32_t GraphicsDevicesEGL::rendererIDFor(const std::string& driver, const std::
     return static_cast<int32_t>(h);
 }
 
+std::shared_ptr<GraphicsDevicesEGL> GraphicsDevicesEGL::openSurfaceless(const char* clientExtensions) {
+    const EGLEntryPoints& egl = entryPoints();
+    if (!hasExtension(clientExtensions, "EGL_MESA_platform_surfaceless") || !egl.getPlatformDisplay) return nullptr;
+    const EGLDisplay display = egl.getPlatformDisplay(EGL_PLATFORM_SURFACELESS_MESA, EGL_DEFAULT_DISPLAY, nullptr);
+    EGLint major = 0, minor = 0;
+    if (display == EGL_NO_DISPLAY || !eglInitialize(display, &major, &minor)) return nullptr;
+    std::shared_ptr<GraphicsDevicesEGL> devices(new GraphicsDevicesEGL());
+    Device d;
+    d.display = display;
+    d.driver = "surfaceless";
+    d.software = true;  // unknown: the platform picks the renderer; it is the only one either way
+    d.rendererID = rendererIDFor(d.driver, d.node);
+    devices->devices_.push_back(std::move(d));
+    return devices;
+}
+
 std::shared_ptr<GraphicsDevicesEGL> GraphicsDevicesEGL::open(std::string* whyNot) {
     auto fail = [&](std::string why) {
         if (whyNot) *whyNot = std::move(why);
@@ -170,7 +114,11 @@ std::shared_ptr<GraphicsDevicesEGL> GraphicsDevicesEGL::open(std::string* whyNot
     const char* clientExtensions = eglQueryString(EGL_NO_DISPLAY, EGL_EXTENSIONS);
     if (!hasExtension(clientExtensions, "EGL_EXT_device_enumeration") ||
         !hasExtension(clientExtensions, "EGL_EXT_platform_device")) {
-        return fail("EGL has no device enumeration (EGL_EXT_device_enumeration, EGL_EXT_platform_device)");
+        // Without device enumeration, Mesa's surfaceless platform still gives
+        // one renderer of its choosing, with no window system.
+        if (auto surfaceless = openSurfaceless(clientExtensions)) return surfaceless;
+        return fail("EGL has no device enumeration (EGL_EXT_device_enumeration, EGL_EXT_platform_device) and no "
+                    "surfaceless platform");
     }
     const EGLEntryPoints& egl = entryPoints();
     if (!egl.queryDevices || !egl.queryDeviceString || !egl.getPlatformDisplay) {
@@ -236,23 +184,25 @@ CGLError GraphicsDevicesEGL::queryRendererInfo(uint32_t displayMask, std::vector
 CGLError GraphicsDevicesEGL::choosePixelFormat(std::span<const int32_t> attributes,
                                                std::unique_ptr<GLPixelFormat>& format) {
     format.reset();
-    uint32_t mask = 0;
-    for (size_t i = 0; i < attributes.size() && attributes[i] != 0; ++i) {
-        if (attributes[i] == kCGLPFAFullScreen) continue;
-        if (attributes[i] != kCGLPFADisplayMask || i + 1 >= attributes.size()) return kCGLBadAttribute;
-        mask = static_cast<uint32_t>(attributes[++i]);
-    }
-    if (mask == 0) return kCGLBadDisplay;
+    std::map<int32_t, int32_t> parsed;
+    if (const CGLError e = parsePixelFormatAttributes(attributes, parsed); e != kCGLNoError) return e;
+    // Full screen, no recovery, pixel buffers: off-screen EGL contexts have
+    // no such distinctions, so these flags are accepted and change nothing.
     for (const Device& d : devices_) {
         if (!countsAsAccelerated(d)) continue;
-        const EGLint wanted[] = {EGL_RENDERABLE_TYPE, EGL_OPENGL_BIT, EGL_SURFACE_TYPE, EGL_PBUFFER_BIT, EGL_NONE};
-        EGLConfig config = nullptr;
-        EGLint n = 0;
-        if (!eglChooseConfig(d.display, wanted, &config, 1, &n) || n < 1) continue;
         auto f = std::make_unique<PixelFormatEGL>();
         f->display = d.display;
-        f->config = config;
-        f->surfaceless = hasExtension(eglQueryString(d.display, EGL_EXTENSIONS), "EGL_KHR_surfaceless_context");
+        f->accelerated = true;
+        f->attributes = parsed;
+        const char* extensions = eglQueryString(d.display, EGL_EXTENSIONS);
+        f->surfaceless = hasExtension(extensions, "EGL_KHR_surfaceless_context");
+        const bool configless = hasExtension(extensions, "EGL_KHR_no_config_context") ||
+                                hasExtension(extensions, "EGL_MESA_configless_context");
+        if (!configless || !f->surfaceless) {
+            const EGLint wanted[] = {EGL_RENDERABLE_TYPE, EGL_OPENGL_BIT, EGL_SURFACE_TYPE, EGL_PBUFFER_BIT, EGL_NONE};
+            EGLint n = 0;
+            if (!eglChooseConfig(d.display, wanted, &f->config, 1, &n) || n < 1) continue;
+        }
         format = std::move(f);
         return kCGLNoError;
     }
@@ -262,11 +212,23 @@ CGLError GraphicsDevicesEGL::choosePixelFormat(std::span<const int32_t> attribut
 std::unique_ptr<GLContext> GraphicsDevicesEGL::createContext(const GLPixelFormat& format, GLContext* share) {
     const auto* f = dynamic_cast<const PixelFormatEGL*>(&format);
     if (!f) return nullptr;
-    if (!eglBindAPI(EGL_OPENGL_API)) return nullptr;
     EGLContext shareContext = EGL_NO_CONTEXT;
-    if (auto* other = dynamic_cast<GLContextEGL*>(share)) shareContext = other->handle();
-    const EGLint attributes[] = {EGL_NONE};
-    const EGLContext context = eglCreateContext(f->display, f->config, shareContext, attributes);
+    std::shared_ptr<const int> group;
+    if (share) {
+        auto* other = dynamic_cast<GLContextEGL*>(share);
+        // Objects are shared only among contexts of one EGL display (one renderer).
+        if (!other || other->display() != f->display) return nullptr;
+        shareContext = other->handle();
+        group = other->shareGroupToken();
+    }
+    if (!eglBindAPI(EGL_OPENGL_API)) return nullptr;
+    // A desktop GL compatibility profile: the drawing code uses immediate
+    // mode, attribute and matrix stacks, and rectangle textures.
+    const EGLint compatibility[] = {EGL_CONTEXT_OPENGL_PROFILE_MASK, EGL_CONTEXT_OPENGL_COMPATIBILITY_PROFILE_BIT,
+                                    EGL_NONE};
+    const EGLint none[] = {EGL_NONE};
+    EGLContext context = eglCreateContext(f->display, f->config, shareContext, compatibility);
+    if (context == EGL_NO_CONTEXT) context = eglCreateContext(f->display, f->config, shareContext, none);
     if (context == EGL_NO_CONTEXT) return nullptr;
     EGLSurface pbuffer = EGL_NO_SURFACE;
     if (!f->surfaceless) {
@@ -277,7 +239,30 @@ std::unique_ptr<GLContext> GraphicsDevicesEGL::createContext(const GLPixelFormat
             return nullptr;
         }
     }
-    return std::make_unique<GLContextEGL>(f->display, context, pbuffer);
+    return std::make_unique<GLContextEGL>(f->display, context, pbuffer, true, std::move(group));
+}
+
+CGLError GraphicsDevicesEGL::describePixelFormat(const GLPixelFormat& format, int32_t virtualScreen, int32_t attribute,
+                                                 int32_t& value) {
+    value = 0;
+    const auto* f = dynamic_cast<const PixelFormatEGL*>(&format);
+    if (!f) return kCGLBadPixelFormat;
+    if (virtualScreen != 0) return kCGLBadValue;  // EGL has no virtual screens: there is one, 0
+    if (attribute == kCGLPFAVirtualScreenCount) {
+        value = 1;
+    } else if (attribute == kCGLPFAAccelerated) {
+        value = f->accelerated ? 1 : 0;
+    } else if (const auto it = f->attributes.find(attribute); it != f->attributes.end()) {
+        value = it->second;
+    }
+    return kCGLNoError;
+}
+
+std::shared_ptr<GLContext> GraphicsDevicesEGL::adoptCurrentContext() {
+    eglBindAPI(EGL_OPENGL_API);
+    const EGLContext context = eglGetCurrentContext();
+    if (context == EGL_NO_CONTEXT) return nullptr;
+    return std::make_shared<GLContextEGL>(eglGetCurrentDisplay(), context, eglGetCurrentSurface(EGL_DRAW), false);
 }
 
 }  // namespace qrl

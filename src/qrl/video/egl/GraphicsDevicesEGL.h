@@ -12,8 +12,10 @@
 //
 // The devices' EGL displays are initialised once and kept for the process
 // (EGL displays are per device and process-wide: terminating one here would
-// pull it from under any other user). Test contexts are destroyed as soon as
-// they are answered.
+// pull it from under any other user). Contexts are desktop GL compatibility
+// profile contexts, configless and surfaceless where the display allows (no
+// X connection is needed), shared only among contexts of one device, and
+// bound to whichever thread locks them (GLContextEGL).
 #pragma once
 
 #include <EGL/egl.h>
@@ -41,16 +43,26 @@ public:
         int32_t videoMemory = 0;              // bytes from the driver's sysfs report; 0 when it has none
     };
 
-    // Null, with the reason at *whyNot when given, when EGL has no device
-    // enumeration or no device can be initialised.
+    // Null, with the reason at *whyNot when given, when EGL has neither
+    // device enumeration nor Mesa's surfaceless platform, or no device can be
+    // initialised.
     static std::shared_ptr<GraphicsDevicesEGL> open(std::string* whyNot = nullptr);
 
     std::string_view backendName() const override { return "egl"; }
     CGLError queryRendererInfo(uint32_t displayMask, std::vector<RendererDescription>& renderers) override;
-    // kCGLPFAFullScreen has no meaning for off-screen EGL contexts and is
-    // accepted and ignored.
+    // Full screen, no recovery and pixel buffer flags have no meaning for
+    // off-screen EGL contexts and are accepted and ignored. The format is
+    // configless and surfaceless where the display allows it.
     CGLError choosePixelFormat(std::span<const int32_t> attributes, std::unique_ptr<GLPixelFormat>& format) override;
+    // A desktop GL compatibility-profile context (GLContextEGL); with
+    // `share`, which must be a context of the same device, in its share group.
     std::unique_ptr<GLContext> createContext(const GLPixelFormat& format, GLContext* share) override;
+    // The attributes asked for, one virtual screen, and kCGLPFAAccelerated.
+    CGLError describePixelFormat(const GLPixelFormat& format, int32_t virtualScreen, int32_t attribute,
+                                 int32_t& value) override;
+    // The calling thread's current EGL context, made by someone else, wrapped
+    // without taking ownership; null when none is current.
+    static std::shared_ptr<GLContext> adoptCurrentContext();
 
     // The usable devices, in enumeration order.
     const std::vector<Device>& devices() const { return devices_; }
@@ -62,6 +74,8 @@ public:
 
 private:
     GraphicsDevicesEGL() = default;
+    // One renderer from Mesa's surfaceless platform; null where there is none.
+    static std::shared_ptr<GraphicsDevicesEGL> openSurfaceless(const char* clientExtensions);
 
     std::vector<Device> devices_;
     bool anyHardware_ = false;

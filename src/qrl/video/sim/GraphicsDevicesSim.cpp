@@ -7,45 +7,12 @@ namespace qrl {
 namespace {
 
 struct SimPixelFormat final : GLPixelFormat {
-    explicit SimPixelFormat(SimRenderer r) : renderer(std::move(r)) {}
+    SimPixelFormat(SimRenderer r, std::map<int32_t, int32_t> a) : renderer(std::move(r)), attributes(std::move(a)) {}
     SimRenderer renderer;
+    std::map<int32_t, int32_t> attributes;
 };
 
 }  // namespace
-
-SimGLContext::SimGLContext(SimRenderer renderer, std::shared_ptr<std::atomic<int>> alive)
-    : renderer_(std::move(renderer)), alive_(std::move(alive)) {
-    ++*alive_;
-}
-
-SimGLContext::~SimGLContext() { --*alive_; }
-
-std::optional<std::string> SimGLContext::getString(uint32_t name) {
-    switch (name) {
-    case GL_RENDERER: return renderer_.cardName;
-    case GL_VENDOR: return std::string("QRLShared simulation");
-    case GL_VERSION: return std::string("2.1 simulated");
-    default: return std::nullopt;
-    }
-}
-
-uint32_t SimGLContext::getError() {
-    std::lock_guard lock(errorsMutex_);
-    if (errors_.empty()) return GL_NO_ERROR;
-    const uint32_t e = errors_.front();
-    errors_.pop_front();
-    return e;
-}
-
-bool SimGLContext::makeCurrent() {
-    setCurrent(this);
-    return true;
-}
-
-void SimGLContext::pushError(uint32_t error) {
-    std::lock_guard lock(errorsMutex_);
-    errors_.push_back(error);
-}
 
 GraphicsDevicesSim::GraphicsDevicesSim() : alive_(std::make_shared<std::atomic<int>>(0)) {}
 
@@ -68,36 +35,65 @@ CGLError GraphicsDevicesSim::choosePixelFormat(std::span<const int32_t> attribut
     std::lock_guard lock(mutex_);
     ++counters_.pixelFormatRequests;
     format.reset();
-    uint32_t mask = 0;
-    bool fullScreen = false;
-    for (size_t i = 0; i < attributes.size() && attributes[i] != 0; ++i) {
-        if (attributes[i] == kCGLPFAFullScreen) {
-            fullScreen = true;
-        } else if (attributes[i] == kCGLPFADisplayMask) {
-            if (i + 1 >= attributes.size()) return kCGLBadAttribute;
-            mask = static_cast<uint32_t>(attributes[++i]);
-        } else {
-            return kCGLBadAttribute;
-        }
-    }
+    std::map<int32_t, int32_t> parsed;
+    const CGLError parseError = parsePixelFormatAttributes(attributes, parsed);
+    if (parseError == kCGLBadAttribute) return parseError;
+    const uint32_t mask = static_cast<uint32_t>(parsed.count(kCGLPFADisplayMask) ? parsed[kCGLPFADisplayMask] : 0);
     counters_.lastDisplayMask = mask;
-    counters_.lastAskedFullScreen = fullScreen;
+    counters_.lastAskedFullScreen = parsed.count(kCGLPFAFullScreen) != 0;
     if (pixelFormatError_ != 0) return pixelFormatError_;
+    if (parseError != kCGLNoError) return parseError;
     for (const SimRenderer& r : renderers_) {
         if (r.accelerated && (r.displayMask & mask) != 0) {
-            format = std::make_unique<SimPixelFormat>(r);
+            format = std::make_unique<SimPixelFormat>(r, std::move(parsed));
             return kCGLNoError;
         }
     }
     return kCGLNoError;  // nothing matched: no format, no error
 }
 
-std::unique_ptr<GLContext> GraphicsDevicesSim::createContext(const GLPixelFormat& format, GLContext*) {
+std::unique_ptr<GLContext> GraphicsDevicesSim::createContext(const GLPixelFormat& format, GLContext* share) {
     const auto* sim = dynamic_cast<const SimPixelFormat*>(&format);
     std::lock_guard lock(mutex_);
     if (!sim || sim->renderer.contextFails) return nullptr;
+    std::shared_ptr<SimGLShareGroup> group;
+    if (share) {
+        auto* other = dynamic_cast<SimGLContext*>(share);
+        if (!other || other->renderer().rendererID != sim->renderer.rendererID) {
+            ++counters_.contextsRefusedSharing;  // objects cannot be shared across renderers
+            return nullptr;
+        }
+        group = other->shareGroupHandle();
+    }
     ++counters_.contextsCreated;
-    return std::make_unique<SimGLContext>(sim->renderer, alive_);
+    return std::make_unique<SimGLContext>(sim->renderer, alive_, std::move(group));
+}
+
+CGLError GraphicsDevicesSim::describePixelFormat(const GLPixelFormat& format, int32_t virtualScreen, int32_t attribute,
+                                                 int32_t& value) {
+    value = 0;
+    const auto* sim = dynamic_cast<const SimPixelFormat*>(&format);
+    if (!sim) return kCGLBadPixelFormat;
+    if (virtualScreen != 0) return kCGLBadValue;
+    if (attribute == kCGLPFAVirtualScreenCount) {
+        value = 1;
+    } else if (attribute == kCGLPFAAccelerated) {
+        value = sim->renderer.accelerated ? 1 : 0;
+    } else if (const auto it = sim->attributes.find(attribute); it != sim->attributes.end()) {
+        value = it->second;
+    }
+    return kCGLNoError;
+}
+
+std::unique_ptr<GLPixelFormat> GraphicsDevicesSim::pixelFormatForRenderer(int32_t rendererID,
+                                                                         std::span<const int32_t> attributes) {
+    std::lock_guard lock(mutex_);
+    std::map<int32_t, int32_t> parsed;
+    if (parsePixelFormatAttributes(attributes, parsed) == kCGLBadAttribute) return nullptr;
+    for (const SimRenderer& r : renderers_) {
+        if (r.rendererID == rendererID) return std::make_unique<SimPixelFormat>(r, std::move(parsed));
+    }
+    return nullptr;
 }
 
 void GraphicsDevicesSim::setRenderers(std::vector<SimRenderer> renderers) {

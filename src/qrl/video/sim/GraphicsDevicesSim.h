@@ -1,7 +1,8 @@
 // GraphicsDevicesSim: scriptable graphics renderers for tests and
 // simulations: renderers per display mask with accelerated flags and memory
-// sizes, card names or failures, scripted GL errors; fault injection for each
-// query and counters of every call and of the contexts alive.
+// sizes, card names or failures, contexts with a fake GL (SimGLContext);
+// fault injection for each query and counters of every call and of the
+// contexts alive.
 #pragma once
 
 #include <atomic>
@@ -14,49 +15,9 @@
 #include <vector>
 
 #include "qrl/video/GraphicsDevices.h"
+#include "qrl/video/sim/SimGLContext.h"
 
 namespace qrl {
-
-struct SimRenderer {
-    int32_t rendererID = 0;
-    uint32_t displayMask = 1;                 // display mask bits this renderer serves
-    bool accelerated = true;
-    int32_t fullScreen = 1;
-    int32_t videoMemory = 256 << 20;
-    int32_t textureMemory = 256 << 20;
-    std::optional<std::string> cardName = "Simulated Renderer";  // GL_RENDERER; nullopt answers null
-    bool contextFails = false;                // createContext answers null
-};
-
-// A context of the simulated renderers. GL errors are scripted per context.
-class SimGLContext final : public GLContext {
-public:
-    SimGLContext(SimRenderer renderer, std::shared_ptr<std::atomic<int>> alive);
-    ~SimGLContext() override;
-
-    void lock() override {
-        mutex_.lock();
-        ++locks_;
-    }
-    void unlock() override { mutex_.unlock(); }
-    std::optional<std::string> getString(uint32_t name) override;
-    uint32_t getError() override;
-    bool makeCurrent() override;
-
-    // The next getError answers, first in first out; GL_NO_ERROR when none is left.
-    void pushError(uint32_t error);
-    const SimRenderer& renderer() const { return renderer_; }
-    // How many times lock() was called.
-    int lockCount() const { return locks_.load(); }
-
-private:
-    SimRenderer renderer_;
-    std::shared_ptr<std::atomic<int>> alive_;
-    std::recursive_mutex mutex_;
-    std::atomic<int> locks_{0};
-    std::mutex errorsMutex_;
-    std::deque<uint32_t> errors_;
-};
 
 // Thread-safe.
 class GraphicsDevicesSim final : public GraphicsDevices {
@@ -69,7 +30,16 @@ public:
     // The first accelerated renderer that serves the mask; a format is made
     // whatever kCGLPFAFullScreen says.
     CGLError choosePixelFormat(std::span<const int32_t> attributes, std::unique_ptr<GLPixelFormat>& format) override;
+    // A context with the fake GL; with `share` (a context of the same
+    // renderer) it joins that context's share group.
     std::unique_ptr<GLContext> createContext(const GLPixelFormat& format, GLContext* share) override;
+    // The attributes asked for (flags as 1), the display mask, one virtual
+    // screen (128 answers 1), and kCGLPFAAccelerated of the renderer.
+    CGLError describePixelFormat(const GLPixelFormat& format, int32_t virtualScreen, int32_t attribute,
+                                 int32_t& value) override;
+    // A format for the renderer as if chosen with these attributes (tests of
+    // pixel-format managers); null for an unknown renderer ID.
+    std::unique_ptr<GLPixelFormat> pixelFormatForRenderer(int32_t rendererID, std::span<const int32_t> attributes);
 
     void setRenderers(std::vector<SimRenderer> renderers);
     std::vector<SimRenderer> renderers() const;
@@ -85,6 +55,7 @@ public:
         int pixelFormatRequests = 0;
         int contextsCreated = 0;
         int contextsAlive = 0;
+        int contextsRefusedSharing = 0;    // a share context of another renderer
         uint32_t lastDisplayMask = 0;      // of the last pixel format request
         bool lastAskedFullScreen = false;  // of the last pixel format request
     };

@@ -1,0 +1,168 @@
+#include "qrl/video/gl/OpenGLFrameBuffer.h"
+
+#include <gtest/gtest.h>
+
+#include "qrl/video/TextureManager.h"
+#include "qrl/video/gl/Texture.h"
+#include "video/GLTestSupport.h"
+
+namespace qrl {
+namespace {
+
+using test::expectRaise;
+
+class OpenGLFrameBufferTest : public test::SimGLFixture {
+protected:
+    std::shared_ptr<OpenGLFrameBuffer> frameBuffer() {
+        return std::dynamic_pointer_cast<OpenGLFrameBuffer>(selected(0).allocateFrameBuffer());
+    }
+    std::shared_ptr<TextureWithID> texture(double w, double h) {
+        return selected(0).textureManager()->allocateNewVRAMTexture(NSMakeSize(w, h), false);
+    }
+};
+
+TEST_F(OpenGLFrameBufferTest, BracketPutsBackWhatItChanged) {
+    auto fb = frameBuffer();
+    auto target = texture(101, 51);
+    auto source = texture(8, 8);
+    SimGLContext& c = sim(0);
+    // The state before: another frame buffer bound, a texture bound, a viewport.
+    GLContext* ctx = manager_->lockCurrentContext();
+    ctx->gl().glBindFramebufferEXT(GL_FRAMEBUFFER_EXT, 77);
+    ctx->gl().glViewport(0, 0, 640, 480);
+    manager_->unlockCGLContext(ctx);
+    source->bindToTextureRectangleExt();
+    source->saveCurrentTextureParameters();
+
+    fb->useAndSet2dDrawingSizeTo(NSMakeSize(100.7, 50.2), target);
+    EXPECT_EQ(c.drawFramebuffer(), fb->frameBuffer());
+    EXPECT_EQ(c.framebufferAttachment(fb->frameBuffer(), GL_COLOR_ATTACHMENT0_EXT), target->textureID());
+    EXPECT_EQ(c.drawBuffer(), GL_COLOR_ATTACHMENT0_EXT);
+    EXPECT_EQ(c.viewport(), (std::vector<GLint>{0, 0, 100, 50}));
+    EXPECT_EQ(c.matrixTop(GL_PROJECTION), "ortho(0, 100.7, 0, 50.2, -1, 1)");
+    EXPECT_EQ(c.matrixDepth(GL_PROJECTION), 2);
+    EXPECT_EQ(c.matrixDepth(GL_MODELVIEW), 2);
+    EXPECT_EQ(c.matrixTop(GL_MODELVIEW), "identity");
+    EXPECT_EQ(c.attribDepth(), 1);
+    EXPECT_TRUE(c.isEnabled(GL_BLEND));
+    EXPECT_EQ(c.pixelStore(GL_PACK_ROW_LENGTH), 100);
+    EXPECT_EQ(c.pixelStore(GL_UNPACK_ROW_LENGTH), 100);
+    EXPECT_EQ(c.blendAndColour(), (std::vector<GLfloat>{GL_SRC_ALPHA, GL_ONE_MINUS_SRC_ALPHA, 1, 1, 1, 1}));
+    EXPECT_EQ(fb->previousFBO(), 77);
+    EXPECT_EQ(fb->previousReadFBO(), 77);
+
+    fb->drawTextureCoordsToOriginOfFBO(NSMakeRect(10, 20, 30, 40));
+    EXPECT_EQ(calls(c, {"glBegin", "glTexCoord2f", "glVertex2i", "glEnd"}),
+              (std::vector<std::string>{"glBegin(0x7)", "glTexCoord2f(10, 20)", "glVertex2i(0, 0)",
+                                        "glTexCoord2f(40, 20)", "glVertex2i(30, 0)", "glTexCoord2f(40, 60)",
+                                        "glVertex2i(30, 40)", "glTexCoord2f(10, 60)", "glVertex2i(0, 40)", "glEnd()"}));
+
+    fb->finish2dDrawingTo(source);
+    EXPECT_EQ(c.drawFramebuffer(), 77u);
+    EXPECT_EQ(c.readFramebuffer(), 77u);
+    EXPECT_EQ(c.viewport(), (std::vector<GLint>{0, 0, 640, 480}));
+    EXPECT_EQ(c.matrixDepth(GL_PROJECTION), 1);
+    EXPECT_EQ(c.matrixDepth(GL_MODELVIEW), 1);
+    EXPECT_EQ(c.matrixMode(), GL_MODELVIEW);
+    EXPECT_EQ(c.attribDepth(), 0);
+    EXPECT_FALSE(c.isEnabled(GL_BLEND));
+    EXPECT_TRUE(c.isEnabled(GL_TEXTURE_RECTANGLE_EXT));
+    EXPECT_EQ(c.textureBinding(GL_TEXTURE_RECTANGLE_EXT), source->textureID());
+    EXPECT_EQ(c.pixelStore(GL_PACK_ROW_LENGTH), 0);  // the saved row length comes back
+    EXPECT_EQ(c.pixelStore(GL_UNPACK_ROW_LENGTH), 0);
+    EXPECT_EQ(c.pendingError(), GL_NO_ERROR);
+
+    // The unit-square form.
+    fb->useAndSet2dDrawingSizeTo(NSMakeSize(16, 16), target->textureID(), true);
+    EXPECT_EQ(c.matrixTop(GL_PROJECTION), "ortho(-1, 1, -1, 1, -1, 1)");
+    fb->finish2dDrawingTo(nullptr);
+    EXPECT_EQ(c.attribDepth(), 0);
+}
+
+TEST_F(OpenGLFrameBufferTest, AttachingMakesTwoLocksAndThreeUnlocks) {
+    auto fb = frameBuffer();
+    auto target = texture(16, 16);
+    SimGLContext& c = sim(0);
+    fb->use();
+    c.clearJournal();
+    fb->bindWithTexture(target);
+    EXPECT_EQ(calls(c, {"lock", "unlock"}),
+              (std::vector<std::string>{"lock 1", "unlock 0", "lock 1", "unlock 0", "unlock refused"}));
+    fb->finish();
+
+    // Inside the bracket, which holds the lock: it carries on one level short,
+    // its own unlock is refused, and no GL call is left without a context.
+    const uint64_t without = SimGLContext::callsWithoutContext();
+    const uint64_t refused = c.refusedUnlocks();
+    c.clearJournal();
+    fb->useAndSet2dDrawingSizeTo(NSMakeSize(16, 16), target);
+    const auto events = calls(c, {"lock", "unlock"});
+    EXPECT_EQ(events.front(), "lock 1");
+    EXPECT_EQ(events.back(), "unlock refused");
+    EXPECT_EQ(c.refusedUnlocks(), refused + 1);
+    EXPECT_EQ(c.lockDepth(), 0);
+    EXPECT_EQ(SimGLContext::callsWithoutContext(), without);
+    EXPECT_EQ(GLContext::boundOnCallingThread(), nullptr);
+    EXPECT_EQ(c.viewport(), (std::vector<GLint>{0, 0, 16, 16}));
+    fb->finish2dDrawingTo(nullptr);
+    EXPECT_EQ(c.lockDepth(), 0);
+    EXPECT_EQ(c.pendingError(), GL_NO_ERROR);
+}
+
+TEST_F(OpenGLFrameBufferTest, IncompleteAndFailingFrameBuffersRaise) {
+    auto fb = frameBuffer();
+    // A null texture attaches nothing: the frame buffer has no attachment.
+    expectRaise([&] { fb->useAndSet2dDrawingSizeTo(NSMakeSize(16, 16), std::shared_ptr<TextureWithID>()); },
+                "FrameBufferObject", "Unable to make FBO complete, status 36055");
+    EXPECT_EQ(sim(0).lockDepth(), 0);
+    // A texture without storage is an incomplete attachment.
+    auto bare = selected(0).textureManager()->allocateNewTexture();
+    bare->bindToTextureRectangleExt();
+    fb->use();
+    expectRaise([&] { fb->bindWithTexture(bare); }, "FrameBufferObject", "Unable to make FBO complete, status 36054");
+    fb->finish();
+    // GL errors raise with the step's text.
+    sim(0).failNextCall("glBindFramebufferEXT", GL_INVALID_OPERATION);
+    expectRaise([&] { fb->use(); }, "OpenGLError", "Unable to bind frameBuffer object, OpenGL Error: 1282");
+    EXPECT_EQ(sim(0).lockDepth(), 0);
+    sim(0).failNextCall("glGenFramebuffersEXT", GL_OUT_OF_MEMORY);
+    expectRaise([&] { manager_->allocateFrameBuffer(); }, "OpenGLError",
+                "Unable to allocate new frameBuffer object, OpenGL Error: 1285");
+    EXPECT_EQ(sim(0).lockDepth(), 0);
+}
+
+TEST_F(OpenGLFrameBufferTest, WithoutASelectedContextNothingHappens) {
+    auto fb = frameBuffer();
+    const auto before = sim(0).journal().size();
+    manager_->makeContextCurrent(-1);
+    EXPECT_NO_THROW(fb->useAndSet2dDrawingSizeTo(NSMakeSize(16, 16), GLuint{3}));
+    EXPECT_NO_THROW(fb->clear());
+    EXPECT_NO_THROW(fb->finish2dDrawingTo(nullptr));
+    EXPECT_EQ(sim(0).journal().size(), before);
+    auto none = OpenGLFrameBuffer::initWithContextManager(manager_);
+    EXPECT_EQ(none->frameBuffer(), 0u);
+    EXPECT_EQ(none->description(), "FBO: 0");
+}
+
+TEST_F(OpenGLFrameBufferTest, CleanUpOnceTakesItOffTheList) {
+    auto fb = frameBuffer();
+    auto other = frameBuffer();
+    EXPECT_EQ(manager_->numberOfFrameBuffers(), 2);
+    EXPECT_TRUE(fb->isEqual(*fb));
+    EXPECT_FALSE(fb->isEqual(*other));
+    const size_t framebuffers = sim(0).framebufferCount();
+    fb->cleanUp();
+    EXPECT_EQ(manager_->numberOfFrameBuffers(), 1);
+    EXPECT_EQ(fb->frameBuffer(), 0u);
+    EXPECT_EQ(fb->contextManager(), nullptr);
+    EXPECT_EQ(sim(0).framebufferCount(), framebuffers - 1);
+    sim(0).clearJournal();
+    fb->cleanUp();
+    EXPECT_TRUE(calls(sim(0), {"glDeleteFramebuffersEXT"}).empty());
+    manager_->releaseFrameBuffer(other.get());
+    EXPECT_EQ(manager_->numberOfFrameBuffers(), 0);
+    EXPECT_EQ(other->frameBuffer(), 0u);
+}
+
+}  // namespace
+}  // namespace qrl

@@ -1,0 +1,263 @@
+#include "qrl/video/TextureManagerImpl.h"
+
+#include <gtest/gtest.h>
+
+#include <random>
+#include <vector>
+
+#include "qrl/video/gl/NSOpenGLPBufferTexture.h"
+#include "qrl/video/gl/OpenGLTexture.h"
+#include "video/GLTestSupport.h"
+
+namespace qrl {
+namespace {
+
+using test::expectRaise;
+using test::kRenderer;
+
+class TextureManagerImplTest : public test::SimGLFixture {
+protected:
+    TextureManager& textures() { return *selected(0).textureManager(); }
+    SimTexture info(const std::shared_ptr<TextureWithID>& t) { return sim(0).texture(t->textureID()).value_or(SimTexture{}); }
+};
+
+TEST_F(TextureManagerImplTest, VRAMTexturesBGRAAndYCbCr) {
+    expectRaise([&] { textures().allocateNewVRAMTexture(NSZeroSize, false); }, "InvalidSize",
+                "Must specify a non-zero size for the texture");
+    // Only exact equality with the zero size is refused.
+    EXPECT_NE(textures().allocateNewVRAMTexture(NSMakeSize(0, 10), false), nullptr);
+
+    auto bgra = textures().allocateNewVRAMTexture(NSMakeSize(100.7, 50.2), GLenum{0x1234});  // the type is ignored
+    SimTexture t = info(bgra);
+    EXPECT_EQ(t.target, GL_TEXTURE_RECTANGLE_EXT);
+    EXPECT_EQ(t.width, 100);
+    EXPECT_EQ(t.height, 50);
+    EXPECT_EQ(t.internalFormat, static_cast<GLint>(GL_RGBA));
+    EXPECT_EQ(t.format, GL_BGRA);
+    EXPECT_EQ(t.type, GL_UNSIGNED_BYTE);
+    EXPECT_EQ(dynamic_cast<OpenGLTexture&>(*bgra).storage(), TextureStorage::BGRA);
+
+    // Mesa's Y'CbCr format where offered, with its own internal format.
+    auto native = textures().allocateNewVRAMTexture(NSMakeSize(64, 32), true);
+    t = info(native);
+    EXPECT_EQ(t.internalFormat, static_cast<GLint>(GL_YCBCR_MESA));
+    EXPECT_EQ(t.format, GL_YCBCR_MESA);
+    EXPECT_EQ(t.type, GL_UNSIGNED_SHORT_8_8_MESA);
+    EXPECT_EQ(dynamic_cast<OpenGLTexture&>(*native).storage(), TextureStorage::YCbCrNative);
+    EXPECT_EQ(sim(0).pendingError(), GL_NO_ERROR);
+
+    // Without it: RGBA8 at half width (rounded up), converted in a shader.
+    SimRenderer plain = renderer();
+    plain.extensions = "GL_ARB_texture_rectangle GL_EXT_framebuffer_object GL_ARB_shader_objects";
+    useRenderer(plain);
+    manager_->cleanUp();
+    manager_.reset();
+    auto packed = textures().allocateNewVRAMTexture(NSMakeSize(65, 32), true);
+    t = info(packed);
+    EXPECT_EQ(t.width, 33);
+    EXPECT_EQ(t.internalFormat, static_cast<GLint>(GL_RGBA8));
+    EXPECT_EQ(t.format, GL_RGBA);
+    EXPECT_EQ(dynamic_cast<OpenGLTexture&>(*packed).storage(), TextureStorage::YCbCrPackedRGBA);
+
+    // A GL error while making storage raises with the text filled with the code, and unlocks.
+    sim(0).failNextCall("glTexImage2D", GL_OUT_OF_MEMORY);
+    expectRaise([&] { textures().allocateNewVRAMTexture(NSMakeSize(8, 8), false); }, "OpenGLError",
+                "Unable to create a on-GPU texture, 1285, OpenGL Error: 1285");
+    EXPECT_EQ(sim(0).lockDepth(), 0);
+}
+
+TEST_F(TextureManagerImplTest, LookupTableSizes) {
+    const auto block = [](size_t n) { return std::vector<uint8_t>(n, 0x7F); };
+    TextureManager& tm = textures();
+    selected(1);
+    GLContext* const before = GLContext::current();
+    ASSERT_EQ(before, &sim(1));
+
+    auto lut = tm.allocateNew3DLUTWithSize(33, 2, 3, block(215622));
+    ASSERT_NE(lut, nullptr);
+    const SimTexture t = sim(0).texture(lut->textureID()).value();
+    EXPECT_EQ(t.target, GL_TEXTURE_3D);
+    EXPECT_EQ(t.width, 33);
+    EXPECT_EQ(t.depth, 33);
+    EXPECT_EQ(t.internalFormat, static_cast<GLint>(GL_RGB16));
+    EXPECT_EQ(t.type, GL_UNSIGNED_SHORT);
+    EXPECT_EQ(sim(0).pixelStore(GL_UNPACK_ALIGNMENT), 1);
+    EXPECT_TRUE(sim(0).isEnabled(GL_TEXTURE_3D));
+    EXPECT_EQ(GLContext::current(), before);  // ran on context 0, left the caller's context alone
+
+    expectRaise([&] { tm.allocateNew3DLUTWithSize(33, 2, 3, block(215621)); }, "DataTooShort",
+                "Length of data 215621 < expected data size (33 x 33 x 33 x 3 x 2 == 215622");
+    expectRaise([&] { tm.allocateNew3DLUTWithSize(33, 2, 3, block(215623)); }, "DataTooLong",
+                "Length of data 215623 > expected data size (33 x 33 x 33 x 3 x 2 == 215622");
+    expectRaise([&] { tm.allocateNew3DLUTWithSize(33, 2, 4, {}); }, "Unknown format",
+                "Expected 3 inputs, got 4. Don't know how to support anything other than a 3D lookup table right now.");
+    EXPECT_EQ(GLContext::current(), before);
+    EXPECT_EQ(sim(0).lockDepth(), 0);
+    // The raises left their textures on the list for cleanUp to find.
+    EXPECT_EQ(textures().numberOfTexturesAllocated(), 4);
+
+    // The product is a 32-bit one: large tables wrap, as the platform's
+    // arithmetic does, and the message shows the wrapped value.
+    std::mt19937 rng(7);
+    for (int i = 0; i < 200; ++i) {
+        const int32_t n = std::uniform_int_distribution<int32_t>(1, 5000)(rng);
+        const int32_t unit = std::uniform_int_distribution<int32_t>(1, 8)(rng);
+        const uint32_t wrapped = static_cast<uint32_t>(n) * static_cast<uint32_t>(n) * static_cast<uint32_t>(n) *
+                                 static_cast<uint32_t>(unit) * 3u;
+        const auto expected = static_cast<int64_t>(static_cast<int32_t>(wrapped));
+        const std::vector<uint8_t> one(1);
+        try {
+            textures().allocateNew3DLUTWithSize(n, unit, 3, one);
+            EXPECT_EQ(expected, 1);
+        } catch (const Exception& e) {
+            const std::string tail = qrl::format("(%d x %d x %d x 3 x %d == %d", n, n, n, unit, static_cast<int32_t>(expected));
+            EXPECT_EQ(e.name(), expected > 1 ? "DataTooShort" : "DataTooLong");
+            EXPECT_NE(e.reason().find(tail), std::string::npos) << e.reason();
+        }
+    }
+    textures().cleanUp();
+    EXPECT_EQ(sim(0).textureCount(), 0u);
+}
+
+TEST_F(TextureManagerImplTest, NamesListsAndReturnedTextures) {
+    auto a = textures().allocateNewTexture();
+    auto b = textures().allocateNewTexture();
+    ASSERT_TRUE(a->valid());
+    EXPECT_NE(a->textureID(), b->textureID());
+    EXPECT_EQ(a->description(), qrl::format("texture:%d", static_cast<int>(a->textureID())));
+    EXPECT_TRUE(textures().ownsTexture(*a));
+    EXPECT_FALSE(a->isEqual(*b));
+    EXPECT_EQ(textures().numberOfTexturesAllocated(), 2);
+
+    const GLuint name = a->textureID();
+    a->deleteTexture();
+    EXPECT_FALSE(a->valid());
+    EXPECT_FALSE(textures().ownsTexture(*a));
+    EXPECT_EQ(textures().numberOfTexturesAllocated(), 1);
+    EXPECT_FALSE(sim(0).texture(name).has_value());
+    EXPECT_EQ(a->owningContext(), nullptr);
+
+    // Without a selected context: a texture with no name, not valid.
+    manager_->makeContextCurrent(-1);
+    auto orphan = manager_->textureManager()->allocateNewTexture();
+    EXPECT_FALSE(orphan->valid());
+    EXPECT_EQ(orphan->description().rfind("(INVALID)", 0), 0u);
+    EXPECT_EQ(log_->countStartingWith("Unable to create a new texture using manager <TextureManagerImpl"), 1);
+
+    auto tm = manager_->textureManager();
+    tm->cleanUp();
+    EXPECT_EQ(tm->allocateNewTexture(), nullptr);
+    EXPECT_EQ(tm->contextManager(), nullptr);
+    EXPECT_FALSE(b->valid());
+    expectRaise([] { TextureManagerImpl::initWithManager(nullptr); }, "NoManager",
+                "Cannot initialize a texture manager with a nil context manager");
+}
+
+TEST_F(TextureManagerImplTest, ClientMemoryGoesThroughAPersistentPixelBuffer) {
+    auto t = textures().allocateNewTexture();
+    std::vector<uint32_t> pixels(64 * 16, 0xFF336699u);
+    expectRaise([&] { t->bindTextureOfSize(NSMakeSize(64, 16), nullptr); }, "OpenGLTexture",
+                "Cannot bind a nil memory location to a texture");
+    expectRaise([&] { t->bindTextureOfSize(NSMakeSize(0, 16), pixels.data()); }, "OpenGLTexture",
+                "When binding memory to a texture, size must be non-empty");
+    sim(0).clearJournal();
+    t->bindTextureOfSize(NSMakeSize(64, 16), pixels.data());
+    SimTexture info = sim(0).texture(t->textureID()).value();
+    EXPECT_TRUE(info.storage);
+    EXPECT_TRUE(info.fromUnpackBuffer);
+    EXPECT_EQ(info.type, GL_UNSIGNED_INT_8_8_8_8_REV);
+    EXPECT_EQ(sim(0).pendingError(), GL_NO_ERROR);
+    EXPECT_FALSE(calls(sim(0), {"glBufferStorage"}).empty());
+    t->bindTextureOfSize(NSMakeSize(64, 16), pixels.data());  // the buffer is kept, after its fence
+    EXPECT_EQ(calls(sim(0), {"glBufferStorage"}).size(), 1u);
+    EXPECT_EQ(calls(sim(0), {"glClientWaitSync"}).size(), 1u);
+
+    // A GL error raises with the filled text; the lock is released.
+    sim(0).failNextCall("glTexImage2D", GL_OUT_OF_MEMORY);
+    const std::string expected =
+        qrl::format("Unable to bind texture %@ to memory %ld, size {64, 16}, OpenGL Error: 1285", t->description(),
+                    reinterpret_cast<long>(pixels.data()));
+    expectRaise([&] { t->bindTextureOfSize(NSMakeSize(64, 16), pixels.data()); }, "OpenGLError", expected);
+    EXPECT_EQ(sim(0).lockDepth(), 0);
+
+    // Without persistent mapping, GL copies straight from the caller's memory.
+    SimRenderer plain = renderer();
+    plain.extensions = "GL_ARB_texture_rectangle GL_EXT_framebuffer_object";
+    useRenderer(plain);
+    manager_->cleanUp();
+    manager_.reset();
+    auto direct = textures().allocateNewTexture();
+    direct->bindTextureOfSize(NSMakeSize(64, 16), pixels.data());
+    EXPECT_FALSE(sim(0).texture(direct->textureID())->fromUnpackBuffer);
+    // The platform's storage calls are not made where the driver lacks them.
+    direct->setTextureStorageHintApple(GL_STORAGE_SHARED_APPLE, 1);
+    EXPECT_TRUE(calls(sim(0), {"glPixelStorei(0x85B2", "glTexParameteri(0x84F5, 0x85BC"}).empty());
+    EXPECT_EQ(sim(0).pendingError(), GL_NO_ERROR);
+}
+
+TEST_F(TextureManagerImplTest, SavedParametersAndFiltering) {
+    auto t = textures().allocateNewTexture();
+    auto other = textures().allocateNewTexture();
+    t->bindToTextureRectangleExt();
+    t->setPackRowLength(320);
+    t->setUnpackRowLength(640);
+    t->saveCurrentTextureParameters();
+    other->bindToTextureRectangleExt();
+    other->setPackAndUnpackRowLength(16);
+    EXPECT_EQ(sim(0).textureBinding(GL_TEXTURE_RECTANGLE_EXT), other->textureID());
+    t->restoreSavedTextureParamters();
+    EXPECT_EQ(sim(0).textureBinding(GL_TEXTURE_RECTANGLE_EXT), t->textureID());
+    EXPECT_EQ(sim(0).pixelStore(GL_PACK_ROW_LENGTH), 320);
+    EXPECT_EQ(sim(0).pixelStore(GL_UNPACK_ROW_LENGTH), 320);  // one saved value serves both
+
+    t->linearAndClampToEdge();
+    const auto params = sim(0).texture(t->textureID())->parameters;
+    EXPECT_EQ(params.at(GL_TEXTURE_MIN_FILTER), GL_LINEAR);
+    EXPECT_EQ(params.at(GL_TEXTURE_WRAP_S), GL_CLAMP_TO_EDGE);
+    EXPECT_EQ(params.at(GL_TEXTURE_WRAP_T), GL_CLAMP_TO_EDGE);
+    auto lut = textures().allocateNew3DLUTWithSize(2, 2, 3, std::vector<uint8_t>(48));
+    selected(0);
+    lut->bindToTexture3D();
+    lut->trilinearInterpolationFor3DLUT();
+    const auto lutParams = sim(0).texture(lut->textureID())->parameters;
+    EXPECT_EQ(lutParams.at(GL_TEXTURE_WRAP_R), GL_CLAMP);  // not CLAMP_TO_EDGE, on purpose
+    EXPECT_EQ(lutParams.at(GL_TEXTURE_MAG_FILTER), GL_LINEAR);
+
+    // A GL error from the row length check reads the calling thread's current context.
+    sim(0).failNextCall("glPixelStorei", GL_INVALID_VALUE);
+    expectRaise([&] { t->setPackRowLength(-1); }, "OpenGLPop", "Unable to set the pack row length, 1281");
+    EXPECT_EQ(sim(0).lockDepth(), 0);
+}
+
+TEST_F(TextureManagerImplTest, PixelBufferTextureDrawsInASharedContext) {
+    auto p = textures().allocateNewNSPBuffer(NSMakeSize(32, 8));
+    ASSERT_NE(p, nullptr);
+    EXPECT_TRUE(p->valid());
+    EXPECT_TRUE(textures().ownsTexture(*p));
+    EXPECT_EQ(p->currentVirtualScreenForPBufferContext(), 0);
+    auto& own = dynamic_cast<SimGLContext&>(*p->pixelBufferContext());
+    EXPECT_EQ(own.shareGroup(), sim(0).shareGroup());
+    EXPECT_NE(own.drawFramebuffer(), 0u);
+    EXPECT_EQ(own.framebufferAttachment(own.drawFramebuffer(), GL_COLOR_ATTACHMENT0_EXT), p->pixelBuffer()->texture());
+    p->makePixelBufferContextCurrent();
+    EXPECT_EQ(GLContext::current(), &own);
+
+    // Copying: into the texture bound on the other context, sized to fit.
+    auto target = textures().allocateNewTexture();
+    target->bindToTextureRectangleExt();
+    sim(0).clearJournal();
+    p->copyCurrentPBufferContentToContext(&sim(0), GL_BACK);
+    EXPECT_EQ(sim(0).texture(target->textureID())->width, 32);
+    EXPECT_EQ(calls(sim(0), {"glCopyImageSubData"}).size(), 1u);
+    EXPECT_EQ(sim(0).pendingError(), GL_NO_ERROR);
+
+    // Teardown keeps the pixel buffer with the object; validity follows the manager.
+    manager_->cleanUp();
+    EXPECT_FALSE(p->valid());
+    EXPECT_NE(p->pixelBuffer(), nullptr);
+    p->cleanupSubclassResources();
+    EXPECT_EQ(p->pixelBuffer(), nullptr);
+}
+
+}  // namespace
+}  // namespace qrl
