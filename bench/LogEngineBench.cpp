@@ -21,9 +21,11 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
+#include <mutex>
 #include <new>
 #include <string>
 #include <thread>
@@ -62,18 +64,44 @@ const char* const kSpdlogPattern = "%Y-%m-%d %H:%M:%S.%e [(null)] %v";
 
 std::string filePath(const char* who) { return "/tmp/qrl-logbench-" + std::to_string(::getpid()) + "-" + who + ".log"; }
 
+// Counts what an output has taken; the benchmark thread waits for a number
+// without spinning, so that it takes no processor from the threads measured.
+class Tally {
+public:
+    void add() {
+        const uint64_t n = count_.fetch_add(1, std::memory_order_acq_rel) + 1;
+        if (n == target_.load(std::memory_order_acquire)) {
+            std::lock_guard lock(mutex_);
+            reached_.notify_all();
+        }
+    }
+    void reset() { count_.store(0); }
+    uint64_t value() const { return count_.load(std::memory_order_acquire); }
+    void waitFor(uint64_t target) {
+        target_.store(target, std::memory_order_release);
+        std::unique_lock lock(mutex_);
+        reached_.wait(lock, [&] { return value() >= target; });
+    }
+
+private:
+    std::atomic<uint64_t> count_{0};
+    std::atomic<uint64_t> target_{0};
+    std::mutex mutex_;
+    std::condition_variable reached_;
+};
+
 // ---------------------------------------------------------------- the two outputs of ours
 
 class CountingLogger : public qrl::QRLAbstractLogger {
 public:
     using QRLAbstractLogger::QRLAbstractLogger;
-    std::atomic<uint64_t> count{0};
+    Tally count;
 };
 
 class NullLogger final : public CountingLogger {
 public:
     NullLogger() : CountingLogger("bench.null") {}
-    void logMessage(const qrl::QRLLogMessage&) override { count.fetch_add(1, std::memory_order_release); }
+    void logMessage(const qrl::QRLLogMessage&) override { count.add(); }
 };
 
 class FileLogger final : public CountingLogger {
@@ -91,7 +119,7 @@ public:
         }
         line_ += '\n';
         std::fwrite(line_.data(), 1, line_.size(), file_);
-        count.fetch_add(1, std::memory_order_release);
+        count.add();
     }
     void flush() override { std::fflush(file_); }
     bool answers(Operation op) const override { return op == Operation::flush; }
@@ -133,12 +161,12 @@ public:
     explicit CountingSink(std::shared_ptr<spdlog::sinks::sink> inner) : inner_(std::move(inner)) {}
     void log(const spdlog::details::log_msg& msg) override {
         inner_->log(msg);
-        count.fetch_add(1, std::memory_order_release);
+        count.add();
     }
     void flush() override { inner_->flush(); }
     void set_pattern(const std::string& pattern) override { inner_->set_pattern(pattern); }
     void set_formatter(std::unique_ptr<spdlog::formatter> f) override { inner_->set_formatter(std::move(f)); }
-    std::atomic<uint64_t> count{0};
+    Tally count;
 
 private:
     std::shared_ptr<spdlog::sinks::sink> inner_;
@@ -163,10 +191,6 @@ Peer makePeer(bool toFile) {
     return {logger, sink};
 }
 
-void waitFor(const std::atomic<uint64_t>& count, uint64_t target) {
-    while (count.load(std::memory_order_acquire) < target) std::this_thread::yield();
-}
-
 double percentile(std::vector<double> samples, double p) {
     const size_t k = std::min(samples.size() - 1, static_cast<size_t>(p * static_cast<double>(samples.size())));
     std::nth_element(samples.begin(), samples.begin() + static_cast<long>(k), samples.end());
@@ -181,7 +205,7 @@ constexpr size_t kMaxSamples = size_t{1} << 21;
 // One statement per iteration, timed one by one as well; after every burst
 // the clock stops while the output catches up.
 template <class Statement>
-void callerLatency(benchmark::State& state, Statement statement, const std::atomic<uint64_t>& delivered) {
+void callerLatency(benchmark::State& state, Statement statement, Tally& delivered) {
     std::vector<double> samples;
     samples.reserve(kMaxSamples);
     uint64_t i = 0;
@@ -193,11 +217,11 @@ void callerLatency(benchmark::State& state, Statement statement, const std::atom
         if (samples.size() < kMaxSamples) samples.push_back(std::chrono::duration<double>(end - start).count());
         if (++i % kBurst == 0) {
             state.PauseTiming();
-            waitFor(delivered, i);
+            delivered.waitFor(i);
             state.ResumeTiming();
         }
     }
-    waitFor(delivered, i);
+    delivered.waitFor(i);
     const double allocations = static_cast<double>(gAllocations.load() - allocationsBefore);
     state.counters["allocs/msg"] = allocations / static_cast<double>(std::max<uint64_t>(i, 1));
     state.counters["samples"] = static_cast<double>(samples.size());
@@ -245,12 +269,12 @@ void ThroughputOurs(benchmark::State& state, int producers, bool toFile) {
     auto logger = attachOurs(toFile);
     uint64_t allocations = 0;
     for (auto _ : state) {
-        logger->count = 0;
+        logger->count.reset();
         const uint64_t before = gAllocations.load();
         produce(producers, ourStatement);
-        waitFor(logger->count, static_cast<uint64_t>(producers) * kPerProducer);
+        logger->count.waitFor(static_cast<uint64_t>(producers) * kPerProducer);
         allocations += gAllocations.load() - before;
-        if (logger->count.load() != static_cast<uint64_t>(producers) * kPerProducer)
+        if (logger->count.value() != static_cast<uint64_t>(producers) * kPerProducer)
             state.SkipWithError("lost messages");
     }
     finishThroughput(state, producers, allocations);
@@ -261,13 +285,13 @@ void ThroughputPeer(benchmark::State& state, int producers, bool toFile) {
     Peer peer = makePeer(toFile);
     uint64_t allocations = 0;
     for (auto _ : state) {
-        peer.sink->count = 0;
+        peer.sink->count.reset();
         const uint64_t before = gAllocations.load();
         produce(producers,
                 [&](int i) { peer.logger->info("frame {} took {:.3f} ms on {}", i, i * 0.001, "display-1"); });
-        waitFor(peer.sink->count, static_cast<uint64_t>(producers) * kPerProducer);
+        peer.sink->count.waitFor(static_cast<uint64_t>(producers) * kPerProducer);
         allocations += gAllocations.load() - before;
-        if (peer.sink->count.load() != static_cast<uint64_t>(producers) * kPerProducer)
+        if (peer.sink->count.value() != static_cast<uint64_t>(producers) * kPerProducer)
             state.SkipWithError("lost messages");
     }
     finishThroughput(state, producers, allocations);
