@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <limits>
 #include <random>
+#include <string>
 
 namespace qrl {
 namespace {
@@ -90,6 +91,46 @@ TEST(DecimalTest, PlacesDigitsWithinTheExponentRange) {
     EXPECT_TRUE(tiny->isNegative());
     EXPECT_EQ(tiny->toString(), "-0");
     EXPECT_TRUE(Decimal::parse("1e-99999999999999999999")->isZero());
+}
+
+// Up to 19 significant digits are worked in 64 bits, more in 128: the same
+// number written with extra trailing zeros (or leading ones) crosses that
+// line and must come out the same, and fromParts must agree with parse.
+TEST(DecimalTest, SixtyFourAndOneHundredTwentyEightBitPathsAgree) {
+    std::mt19937_64 rng(17);
+    for (int i = 0; i < 20000; ++i) {
+        const int digits = 1 + static_cast<int>(rng() % 19);
+        std::string text;
+        for (int k = 0; k < digits; ++k) text += static_cast<char>('0' + rng() % 10);
+        const bool negative = rng() & 1;
+        const int64_t exponent = static_cast<int64_t>(rng() % 400) - 200;
+        const std::string written = (negative ? "-" : "") + text + "e" + std::to_string(exponent);
+        const auto parsed = Decimal::parse(written);
+        const auto parts = Decimal::fromParts(std::stoull(text), exponent, negative);
+        ASSERT_EQ(parsed.has_value(), parts.has_value()) << written;
+        if (!parsed) continue;
+        ASSERT_EQ(parsed->toString(), parts->toString()) << written;
+        ASSERT_EQ(parsed->mantissa(), parts->mantissa()) << written;
+        ASSERT_EQ(parsed->exponent(), parts->exponent()) << written;
+        ASSERT_EQ(parsed->isNegative(), parts->isNegative()) << written;
+
+        const size_t zeros = rng() % 25;
+        const std::string padded = (negative ? "-0000" : "0000") + text + std::string(zeros, '0') + "e" +
+                                   std::to_string(exponent - static_cast<int64_t>(zeros));
+        const auto wide = Decimal::parse(padded);
+        ASSERT_TRUE(wide.has_value()) << padded;
+        ASSERT_EQ(wide->mantissa(), parsed->mantissa()) << padded;
+        ASSERT_EQ(wide->exponent(), parsed->exponent()) << padded;
+        ASSERT_EQ(wide->isNegative(), parsed->isNegative()) << padded;
+    }
+    const uint64_t all = std::numeric_limits<uint64_t>::max();  // 20 digits, still one word
+    EXPECT_EQ(Decimal::fromParts(all, -3, false)->toString(), "18446744073709551.615");
+    EXPECT_EQ(Decimal::fromParts(1, 127, false)->exponent(), 127);
+    EXPECT_FALSE(Decimal::fromParts(1, 165, false));
+    EXPECT_FALSE(Decimal::fromParts(7, std::numeric_limits<int64_t>::max(), false));
+    EXPECT_TRUE(Decimal::fromParts(7, std::numeric_limits<int64_t>::min(), true)->isZero());
+    EXPECT_TRUE(Decimal::fromParts(0, 999, true)->isNegative());
+    EXPECT_EQ(Decimal::fromParts(1000, -3, false), Decimal::fromInt64(1));
 }
 
 TEST(DecimalTest, ToDoubleIsCorrectlyRounded) {

@@ -170,6 +170,10 @@ TEST(ValueTest, ContainersCompareByContentDictionariesInAnyOrder) {
     EXPECT_NE(Value::array(), Value::dictionary());
 }
 
+struct Tag : Object {
+    std::string description() const override { return "tag"; }
+};
+
 struct Named : Object {
     explicit Named(std::string n) : name(std::move(n)) {}
     std::string description() const override { return name; }
@@ -209,6 +213,74 @@ TEST(ValueTest, MovingAValueLeavesTheContainerWithTheTarget) {
     const Array* raw = a.asArray().get();
     Value b = std::move(a);
     EXPECT_EQ(b.asArray().get(), raw);
+    EXPECT_TRUE(a.isNull());  // what a move leaves behind is null
+}
+
+// A generated trace of copies, moves and assignments between values of
+// every kind, each checked against a copy that was never touched.
+TEST(ValueTest, CopiesMovesAndAssignmentsKeepEveryKindIntact) {
+    const auto object = std::static_pointer_cast<Object>(std::make_shared<Tag>());
+    auto make = [&](int kind) -> Value {
+        switch (kind) {
+        case 0: return Value();
+        case 1: return Value(true);
+        case 2: return Value(-42);
+        case 3: return Value(2.5);
+        case 4: return Value(*Decimal::parse("-1.25e-40"));
+        case 5: return Value("short");
+        case 6: return Value(std::string(100, 'x'));  // beyond the small-string room
+        case 7: return Value(Data{1, 2, 3});
+        case 8: return Value(Date{123});
+        case 9: return Value::array({1, "two"});
+        case 10: return Value::dictionary({{"k", Value::array({3})}});
+        default: return Value(object);
+        }
+    };
+    constexpr int kKinds = 12;
+    std::mt19937 rng(11);
+    std::vector<Value> slots(8), expected(8);
+    for (int step = 0; step < 4000; ++step) {
+        const size_t i = rng() % slots.size(), j = rng() % slots.size();
+        switch (rng() % 6) {
+        case 0: {
+            const int kind = static_cast<int>(rng() % kKinds);
+            slots[i] = make(kind);
+            expected[i] = make(kind);
+            break;
+        }
+        case 1:
+            slots[i] = slots[j];  // self-assignment included
+            expected[i] = expected[j];
+            break;
+        case 2:
+            if (i != j) {
+                slots[i] = std::move(slots[j]);
+                expected[i] = expected[j];
+                expected[j] = Value();
+            }
+            break;
+        case 3: {
+            Value moved(std::move(slots[i]));
+            ASSERT_TRUE(slots[i].isNull());
+            slots[i] = Value(moved);
+            break;
+        }
+        case 4:
+            std::swap(slots[i], slots[j]);
+            std::swap(expected[i], expected[j]);
+            break;
+        default: {
+            const Value copy(slots[i]);
+            ASSERT_EQ(copy.type(), slots[i].type());
+            break;
+        }
+        }
+        for (size_t k = 0; k < slots.size(); ++k) {
+            ASSERT_EQ(slots[k].type(), expected[k].type()) << step;
+            ASSERT_EQ(slots[k], expected[k]) << step;
+            ASSERT_EQ(slots[k].description(), expected[k].description()) << step;
+        }
+    }
 }
 
 // ------------------------------------------------------------ Dictionary
@@ -271,6 +343,44 @@ TEST(DictionaryTest, AgreesWithAModelAcrossTheIndexThreshold) {
     }
 }
 
+// Entries taken wholesale (the bulk constructor, Value::dictionary from
+// entries, DictionaryBuilder) end as set() one by one would leave them: a
+// repeated key keeps its first position and takes the last value. Generated
+// runs with and without repeats, small ones and ones past the index
+// threshold, keys that share length and first or last bytes.
+TEST(DictionaryTest, EntriesTakenWholesaleSettleRepeatsAsSetDoes) {
+    std::mt19937 rng(23);
+    const std::string stems[] = {"", "a", "ab", "abc", "abcd", "abcdefg", "abcdefgh", "abcdefghijklmnop"};
+    for (int round = 0; round < 400; ++round) {
+        const size_t count = rng() % 24;
+        const unsigned keySpace = 1 + rng() % 40;
+        std::vector<std::pair<std::string, Value>> entries;
+        Dictionary expected;
+        for (size_t i = 0; i < count; ++i) {
+            const unsigned n = rng() % keySpace;
+            std::string key = stems[n % 8];
+            if (n >= 8) key.insert(key.size() / 2, 1, static_cast<char>('A' + n / 8));  // same length and ends
+            entries.emplace_back(key, static_cast<int>(i));
+            expected.set(key, static_cast<int>(i));
+        }
+        const Dictionary bulk(entries);
+        const Value made = Value::dictionary(entries);
+        DictionaryBuilder builder(rng() % 10);
+        for (const auto& [key, value] : entries) {
+            builder.append(key) = value;
+            ASSERT_EQ(builder.lastKey(), key);
+        }
+        ASSERT_EQ(builder.size(), entries.size());
+        const Value built = builder.finish();
+        for (const Dictionary* d :
+             std::initializer_list<const Dictionary*>{&bulk, made.asDictionary().get(), built.asDictionary().get()}) {
+            ASSERT_EQ(d->keys(), expected.keys()) << round;
+            for (const auto& [key, value] : expected) ASSERT_EQ(d->get(key), value) << key;
+            ASSERT_FALSE(d->contains("absent"));
+        }
+    }
+}
+
 TEST(DictionaryTest, LargeDictionariesFindEveryKey) {
     Dictionary d;
     for (int i = 0; i < 20000; ++i) d.set(std::to_string(i * 7919), i);
@@ -279,6 +389,41 @@ TEST(DictionaryTest, LargeDictionariesFindEveryKey) {
     Dictionary moved = std::move(d);
     EXPECT_EQ(moved.size(), 20000u);
     EXPECT_EQ(moved.get("7919").integerValue(), 1);
+}
+
+// ------------------------------------------------------------ containers with room
+
+// Containers made with room start empty with at least that room; wholesale
+// dictionaries and builders hold exactly what they were given.
+TEST(ContainersWithRoomTest, StartEmptyAndHoldWhatTheyAreGiven) {
+    std::mt19937 rng(31);
+    for (int round = 0; round < 300; ++round) {
+        const size_t room = rng() % 40;
+        Value array = Value::arrayWithCapacity(room);
+        ASSERT_TRUE(array.asArray()->empty());
+        ASSERT_GE(array.asArray()->capacity(), room);
+        for (size_t i = 0; i < room + rng() % 3; ++i) array.asArray()->push_back(static_cast<int>(i));
+
+        std::vector<std::pair<std::string, Value>> entries;
+        for (size_t i = 0; i < rng() % 20; ++i) entries.emplace_back("key" + std::to_string(i), static_cast<int>(i));
+        const Value dictionary = Value::dictionary(entries);
+        ASSERT_EQ(dictionary.asDictionary()->size(), entries.size());
+        for (const auto& [key, value] : entries) ASSERT_EQ(dictionary[key], value);
+        ASSERT_TRUE(dictionary["key" + std::to_string(entries.size())].isNull());
+
+        DictionaryBuilder builder(rng() % 20);
+        ASSERT_EQ(builder.size(), 0u);
+        builder.append("only") = round;
+        const Value built = builder.finish();
+        ASSERT_EQ(built.asDictionary()->keys(), std::vector<std::string>{"only"});
+        ASSERT_TRUE(built["key0"].isNull());
+    }
+    EXPECT_EQ(Value::array({1, 2}), Value::array(Array{1, 2}));
+    Array large(5000, Value(7));
+    Value held = Value::array(std::move(large));
+    EXPECT_EQ(held.asArray()->size(), 5000u);
+    held = Value();
+    EXPECT_EQ(Value::arrayWithCapacity(5000).asArray()->size(), 0u);
 }
 
 }  // namespace

@@ -5,7 +5,11 @@
 
 #include <gtest/gtest.h>
 
+#include <charconv>
 #include <cstdio>
+#include <cstring>
+#include <functional>
+#include <memory>
 #include <limits>
 #include <random>
 #include <string>
@@ -199,6 +203,142 @@ TEST(QRLJsonParser, GeneratedIntegersPickTheRightType) {
             EXPECT_TRUE(*value.asDecimal() == *Decimal::parse(text)) << text;
         }
     }
+}
+
+// The text in a heap block of exactly its size, so that the address
+// sanitizer sees any read past its end.
+Value parseExactly(QRLJsonParser& parser, const std::string& text) {
+    const auto block = std::make_unique<char[]>(text.size());
+    std::memcpy(block.get(), text.data(), text.size());
+    return parser.objectWithString(std::string_view(block.get(), text.size()));
+}
+
+// Generated numbers of every length, eight digits at a time or not, at every
+// distance from the end of the text: each one read whole, with the type and
+// value its own text gives.
+TEST(QRLJsonParser, NumbersAreReadToTheirLastDigitAnywhereInTheText) {
+    std::mt19937_64 random(77);
+    QRLJsonParser parser;
+    auto digits = [&](size_t count, bool leading) {
+        std::string s;
+        for (size_t i = 0; i < count; ++i) s += static_cast<char>('0' + random() % 10);
+        if (leading && count > 1 && s[0] == '0') s[0] = static_cast<char>('1' + random() % 9);
+        return s;
+    };
+    for (int round = 0; round < 3000; ++round) {
+        std::vector<std::string> tokens;
+        std::string text = "[";
+        for (size_t n = 1 + random() % 6; n > 0; --n) {
+            std::string token = (random() % 3 == 0) ? "-" : "";
+            token += digits(1 + random() % 25, true);
+            if (random() % 2) token += "." + digits(1 + random() % 25, false);
+            if (random() % 3 == 0) {
+                token += (random() % 2) ? "e" : "E";
+                if (random() % 2) token += (random() % 2) ? "+" : "-";
+                token += digits(1 + random() % 2, false);  // the decimal's range holds
+            }
+            if (!tokens.empty()) text += std::string(random() % 2, ' ') + ",";
+            text += token;
+            tokens.push_back(token);
+        }
+        text += "]";
+        const Value value = parseExactly(parser, text);
+        ASSERT_TRUE(value.isArray()) << text;
+        ASSERT_EQ(value.asArray()->size(), tokens.size()) << text;
+        for (size_t i = 0; i < tokens.size(); ++i) {
+            const std::string& token = tokens[i];
+            const Value& element = (*value.asArray())[i];
+            int64_t integer = 0;
+            const auto [end, error] = std::from_chars(token.data(), token.data() + token.size(), integer);
+            if (error == std::errc() && end == token.data() + token.size() && token != "-0") {
+                ASSERT_TRUE(element.isInteger()) << token;
+                ASSERT_EQ(*element.asInteger(), integer) << token;
+            } else if (token == "-0") {
+                ASSERT_EQ(element, Value(0));
+            } else {
+                const auto decimal = Decimal::parse(token);
+                if (!decimal) {
+                    ADD_FAILURE() << "the generator made " << token;
+                    continue;
+                }
+                ASSERT_TRUE(element.isDecimal()) << token;
+                ASSERT_EQ(element.asDecimal()->toString(), decimal->toString()) << token;
+                ASSERT_EQ(element.asDecimal()->isNegative(), decimal->isNegative()) << token;
+            }
+        }
+    }
+    // A number that runs into the end of the text, or into what cannot end it.
+    EXPECT_TRUE(parseExactly(parser, "[12345678901234567").isNull());
+    EXPECT_EQ(parser.errorTrace().front()->code(), 11);
+    EXPECT_TRUE(parseExactly(parser, "[12345678x]").isNull());
+    EXPECT_EQ(parseExactly(parser, "[123456781234567812345678,-0.0000000000000000000001]"),
+              Value::array({*Decimal::parse("123456781234567812345678"), *Decimal::parse("-1e-22")}));
+}
+
+// Random documents, written out and read back by one parser kept from
+// document to document (as it keeps its guesses of container sizes) and by
+// a fresh one: both give the value the document was written from.
+TEST(QRLJsonParser, AParserKeptAcrossDocumentsReadsLikeAFreshOne) {
+    std::mt19937 random(5);
+    std::function<Value(int, std::string&)> generate = [&](int depth, std::string& text) -> Value {
+        const unsigned pick = depth > 4 ? random() % 3 : random() % 5;
+        if (pick == 0) {
+            const int v = static_cast<int>(random() % 2000) - 1000;
+            text += std::to_string(v);
+            return Value(v);
+        }
+        if (pick == 1) {
+            const std::string s(random() % 20, static_cast<char>('a' + random() % 26));
+            text += "\"" + s + "\"";
+            return Value(s);
+        }
+        if (pick == 2) {
+            text += (random() % 2) ? "true" : "null";
+            return text.back() == 'e' ? Value(true) : Value();
+        }
+        // Sizes vary a lot from one container to the next at the same depth.
+        const size_t count = (depth <= 2 && random() % 4 == 0) ? random() % 300 : random() % 4;
+        if (pick == 3) {
+            Array items;
+            text += "[";
+            for (size_t i = 0; i < count; ++i) {
+                if (i) text += ",";
+                items.push_back(generate(depth + 1, text));
+            }
+            text += "]";
+            return Value::array(std::move(items));
+        }
+        Dictionary expected;
+        text += "{";
+        for (size_t i = 0; i < count; ++i) {
+            if (i) text += ",";
+            const std::string key = "k" + std::to_string(random() % (count + 2));  // repeats too
+            text += "\"" + key + "\":";
+            expected.set(key, generate(depth + 1, text));
+        }
+        text += "}";
+        return Value(std::make_shared<Dictionary>(std::move(expected)));
+    };
+    QRLJsonParser kept;
+    for (int round = 0; round < 300; ++round) {
+        std::string text = "[";
+        const Value expected = Value::array({generate(1, text)});
+        text += "]";
+        QRLJsonParser fresh;
+        const Value once = fresh.objectWithString(text);
+        const Value again = kept.objectWithString(text);
+        ASSERT_EQ(once, expected) << text;
+        ASSERT_EQ(again, expected) << text;
+        if (again.asArray()->front().isDictionary()) {
+            ASSERT_EQ(again[size_t{0}].asDictionary()->keys(), expected[size_t{0}].asDictionary()->keys());
+        }
+    }
+    // A small array read where a very large one was: it does not keep the
+    // large one's room.
+    std::string large = "[[0";
+    for (int i = 1; i < 100000; ++i) large += "," + std::to_string(i);
+    EXPECT_EQ(kept.objectWithString(large + "]]")[size_t{0}].asArray()->size(), 100000u);
+    EXPECT_LT(kept.objectWithString("[[1,2]]")[size_t{0}].asArray()->capacity(), 100u);
 }
 
 TEST(QRLJsonParser, EscapesAndUnicode) {

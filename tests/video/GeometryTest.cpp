@@ -34,7 +34,9 @@ TEST(RectFunctions, MultipleOf32) {
         const int32_t m = MultipleOf32(v);
         ASSERT_EQ(m % 32, 0) << v;
         ASSERT_LE(std::fabs(m - v), 16.0) << v;
-        if (std::fabs(std::fabs(m - v) - 16.0) < 1e-9 && v != 0) ASSERT_GT(std::fabs(m), std::fabs(v)) << v;
+        if (std::fabs(std::fabs(m - v) - 16.0) < 1e-9 && v != 0) {
+            ASSERT_GT(std::fabs(m), std::fabs(v)) << v;
+        }
     }
     EXPECT_EQ(NSMultipleOf32Rect(NSMakeRect(3.5, 7.5, 100, 100)), NSMakeRect(3.5, 7.5, 96, 96));
     EXPECT_EQ(NSMultipleOf32Point(NSMakePoint(-16, 16)), NSMakePoint(-32, 32));

@@ -39,6 +39,22 @@ int writeDigits(u128 m, char* buf) {
     return n;
 }
 
+// Strips trailing zeros of m (not zero) into e; 64-bit arithmetic as soon
+// as the value fits.
+void stripTrailingZeros(u128& m, int64_t& e) {
+    while (m > UINT64_MAX) {
+        if (m % 10 != 0) return;
+        m /= 10;
+        ++e;
+    }
+    auto small = static_cast<uint64_t>(m);
+    while (small % 10 == 0) {
+        small /= 10;
+        ++e;
+    }
+    m = small;
+}
+
 }  // namespace
 
 // Builds the canonical form of m x 10^e, or nullopt when the exponent cannot
@@ -48,10 +64,7 @@ struct DecimalBuilder {
         Decimal d;
         d.negative_ = negative;
         if (m == 0) return d;
-        while (m % 10 == 0) {
-            m /= 10;
-            ++e;
-        }
+        stripTrailingZeros(m, e);
         if (e > Decimal::kMaxExponent) {
             const int64_t shift = e - Decimal::kMaxExponent;
             if (digitCount(m) + shift > Decimal::kMaxDigits) return std::nullopt;
@@ -71,12 +84,34 @@ struct DecimalBuilder {
             }
             e = Decimal::kMinExponent;
             if (m == 0) return d;
-            while (m % 10 == 0) {
-                m /= 10;
-                ++e;
-            }
+            stripTrailingZeros(m, e);
         }
-        d.mantissa_ = m;
+        d.setMantissa(m);
+        d.exponent_ = static_cast<int>(e);
+        return d;
+    }
+
+    // The same for a 64-bit mantissa, which needs no 128-bit division while
+    // the exponent stays in range.
+    static std::optional<Decimal> make64(uint64_t m, int64_t e, bool negative) {
+        if (m == 0) {
+            Decimal d;
+            d.negative_ = negative;
+            return d;
+        }
+        // Far outside the range every mantissa gives the same answer; the
+        // clamp keeps the arithmetic below from overflowing.
+        constexpr int64_t kFar = 1'000'000'000'000LL;
+        if (e > kFar) e = kFar;
+        if (e < -kFar) e = -kFar;
+        while (m % 10 == 0) {
+            m /= 10;
+            ++e;
+        }
+        if (e < Decimal::kMinExponent || e > Decimal::kMaxExponent) return make(m, e, negative);
+        Decimal d;
+        d.negative_ = negative;
+        d.low_ = m;
         d.exponent_ = static_cast<int>(e);
         return d;
     }
@@ -84,8 +119,12 @@ struct DecimalBuilder {
 
 Decimal Decimal::fromInt64(int64_t v) {
     const bool neg = v < 0;
-    const u128 m = neg ? static_cast<u128>(-(static_cast<__int128>(v))) : static_cast<u128>(v);
-    return *DecimalBuilder::make(m, 0, neg);
+    const uint64_t m = neg ? 0 - static_cast<uint64_t>(v) : static_cast<uint64_t>(v);
+    return *DecimalBuilder::make64(m, 0, neg);
+}
+
+std::optional<Decimal> Decimal::fromParts(uint64_t significand, int64_t exponent, bool negative) {
+    return DecimalBuilder::make64(significand, exponent, negative);
 }
 
 std::optional<Decimal> Decimal::parse(std::string_view text) {
@@ -126,6 +165,9 @@ std::optional<Decimal> Decimal::parse(std::string_view text) {
     }
     if (i != n) return std::nullopt;
 
+    // Up to 19 significant digits fit 64 bits; more go on in 128 bits, and
+    // beyond 38 they are rounded away.
+    uint64_t small = 0;
     u128 m = 0;
     int kept = 0;
     int64_t dropped = 0;
@@ -134,7 +176,11 @@ std::optional<Decimal> Decimal::parse(std::string_view text) {
     auto take = [&](char c) {
         const int d = c - '0';
         if (kept == 0 && d == 0) return;  // leading zero
-        if (kept < kMaxDigits) {
+        if (kept < 19) {
+            small = small * 10 + static_cast<unsigned>(d);
+            ++kept;
+        } else if (kept < kMaxDigits) {
+            if (kept == 19) m = small;
             m = m * 10 + static_cast<unsigned>(d);
             ++kept;
         } else {
@@ -145,6 +191,8 @@ std::optional<Decimal> Decimal::parse(std::string_view text) {
     };
     for (size_t k = intStart; k < intEnd; ++k) take(text[k]);
     for (size_t k = fracStart; k < fracEnd; ++k) take(text[k]);
+    const int64_t fractionDigits = static_cast<int64_t>(fracEnd - fracStart);
+    if (kept <= 19) return DecimalBuilder::make64(small, exp10 - fractionDigits, neg);
     if (dropped > 0 && (roundDigit > 5 || (roundDigit == 5 && (sticky || (m & 1) != 0)))) {
         ++m;
         if (m == kMantissaLimit) {
@@ -152,29 +200,23 @@ std::optional<Decimal> Decimal::parse(std::string_view text) {
             ++dropped;
         }
     }
-    if (m == 0) {
-        Decimal zero;
-        zero.negative_ = neg;
-        return zero;
-    }
-    const int64_t e = exp10 - static_cast<int64_t>(fracEnd - fracStart) + dropped;
-    return DecimalBuilder::make(m, e, neg);
+    return DecimalBuilder::make(m, exp10 - fractionDigits + dropped, neg);
 }
 
 double Decimal::toDouble() const {
     static constexpr double kExact[] = {1e0,  1e1,  1e2,  1e3,  1e4,  1e5,  1e6,  1e7,  1e8,  1e9,  1e10, 1e11,
                                         1e12, 1e13, 1e14, 1e15, 1e16, 1e17, 1e18, 1e19, 1e20, 1e21, 1e22};
-    if (mantissa_ == 0) return negative_ ? -0.0 : 0.0;
+    if (isZero()) return negative_ ? -0.0 : 0.0;
     // Both operands exact: one correctly rounded operation.
-    if (mantissa_ < (u128(1) << 53) && exponent_ >= -22 && exponent_ <= 22) {
-        const double m = static_cast<double>(static_cast<uint64_t>(mantissa_));
+    if (high_ == 0 && low_ < (uint64_t{1} << 53) && exponent_ >= -22 && exponent_ <= 22) {
+        const double m = static_cast<double>(low_);
         const double r = exponent_ >= 0 ? m * kExact[exponent_] : m / kExact[-exponent_];
         return negative_ ? -r : r;
     }
     char buf[64];
     char* p = buf;
     if (negative_) *p++ = '-';
-    p += writeDigits(mantissa_, p);
+    p += writeDigits(mantissa(), p);
     *p++ = 'e';
     p = std::to_chars(p, buf + sizeof buf, exponent_).ptr;
     double r = 0;
@@ -183,16 +225,16 @@ double Decimal::toDouble() const {
 }
 
 int64_t Decimal::toInt64() const {
-    if (mantissa_ == 0) return 0;
+    if (isZero()) return 0;
     u128 q;
     if (exponent_ >= 0) {
-        if (digitCount(mantissa_) + exponent_ > 20) {
+        if (digitCount(mantissa()) + exponent_ > 20) {
             q = kPow10[20];  // certainly beyond 2^63
         } else {
-            q = mantissa_ * kPow10[static_cast<size_t>(exponent_)];
+            q = mantissa() * kPow10[static_cast<size_t>(exponent_)];
         }
     } else {
-        q = -exponent_ > kMaxDigits ? 0 : mantissa_ / kPow10[static_cast<size_t>(-exponent_)];
+        q = -exponent_ > kMaxDigits ? 0 : mantissa() / kPow10[static_cast<size_t>(-exponent_)];
     }
     constexpr u128 kMax = static_cast<u128>(std::numeric_limits<int64_t>::max());
     if (negative_) {
@@ -205,11 +247,11 @@ int64_t Decimal::toInt64() const {
 
 std::string Decimal::toString() const {
     char digits[40];
-    const int nd = writeDigits(mantissa_, digits);
+    const int nd = writeDigits(mantissa(), digits);
     std::string out;
     out.reserve(static_cast<size_t>(nd) + 4 + static_cast<size_t>(exponent_ < 0 ? -exponent_ : exponent_));
     if (negative_) out.push_back('-');
-    if (mantissa_ == 0) {
+    if (mantissa() == 0) {
         out.push_back('0');
         return out;
     }
@@ -232,23 +274,23 @@ std::string Decimal::toString() const {
 }
 
 bool operator==(const Decimal& a, const Decimal& b) {
-    if (a.mantissa_ == 0 || b.mantissa_ == 0) return a.mantissa_ == b.mantissa_;
-    return a.negative_ == b.negative_ && a.mantissa_ == b.mantissa_ && a.exponent_ == b.exponent_;
+    if (a.isZero() || b.isZero()) return a.isZero() && b.isZero();
+    return a.negative_ == b.negative_ && a.low_ == b.low_ && a.high_ == b.high_ && a.exponent_ == b.exponent_;
 }
 
 bool operator<(const Decimal& a, const Decimal& b) {
-    const int sa = a.mantissa_ == 0 ? 0 : (a.negative_ ? -1 : 1);
-    const int sb = b.mantissa_ == 0 ? 0 : (b.negative_ ? -1 : 1);
+    const int sa = a.isZero() ? 0 : (a.negative_ ? -1 : 1);
+    const int sb = b.isZero() ? 0 : (b.negative_ ? -1 : 1);
     if (sa != sb) return sa < sb;
     if (sa == 0) return false;
     // Same sign, both non-zero: compare magnitudes.
     int cmp;
-    const int adjA = a.exponent_ + digitCount(a.mantissa_);
-    const int adjB = b.exponent_ + digitCount(b.mantissa_);
+    const int adjA = a.exponent_ + digitCount(a.mantissa());
+    const int adjB = b.exponent_ + digitCount(b.mantissa());
     if (adjA != adjB) {
         cmp = adjA < adjB ? -1 : 1;
     } else {
-        u128 ma = a.mantissa_, mb = b.mantissa_;
+        u128 ma = a.mantissa(), mb = b.mantissa();
         if (a.exponent_ > b.exponent_) ma *= kPow10[static_cast<size_t>(a.exponent_ - b.exponent_)];
         else if (b.exponent_ > a.exponent_) mb *= kPow10[static_cast<size_t>(b.exponent_ - a.exponent_)];
         cmp = ma < mb ? -1 : (ma > mb ? 1 : 0);

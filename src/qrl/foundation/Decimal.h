@@ -27,10 +27,14 @@ public:
     // rounded half to even at 10^-128, and may come out as zero; the sign is
     // kept ("-1e-200" reads as -0).
     static std::optional<Decimal> parse(std::string_view text);
+    // The number significand x 10^exponent, normalised as parse() does;
+    // nullopt when the exponent cannot be brought into range. For readers
+    // that have taken the digits apart already (up to 19 of them fit).
+    static std::optional<Decimal> fromParts(uint64_t significand, int64_t exponent, bool negative);
 
     bool isNegative() const { return negative_; }
-    bool isZero() const { return mantissa_ == 0; }
-    unsigned __int128 mantissa() const { return mantissa_; }
+    bool isZero() const { return (low_ | high_) == 0; }
+    unsigned __int128 mantissa() const { return (static_cast<unsigned __int128>(high_) << 64) | low_; }
     int exponent() const { return exponent_; }
 
     // Correctly rounded to the nearest double.
@@ -52,9 +56,16 @@ public:
 
 private:
     friend struct DecimalBuilder;
+    void setMantissa(unsigned __int128 m) {
+        low_ = static_cast<uint64_t>(m);
+        high_ = static_cast<uint64_t>(m >> 64);
+    }
+
     // Always normalised: mantissa below 10^38, no trailing zero unless the
-    // exponent is at its maximum; zero has exponent 0.
-    unsigned __int128 mantissa_ = 0;
+    // exponent is at its maximum; zero has exponent 0. The mantissa is kept
+    // in two 64-bit halves so that a Decimal needs only 8-byte alignment.
+    uint64_t low_ = 0;
+    uint64_t high_ = 0;
     int exponent_ = 0;
     bool negative_ = false;
 };

@@ -57,9 +57,9 @@ struct Node {
     std::shared_ptr<detail::GroupState> group;  // left after the task ran
 };
 
-// Enough for the log engine's bound of pending messages; nodes beyond it are
-// freed when they come back.
-constexpr size_t kMaxPooledNodes = 1024;
+// Enough for the log engine's bound of pending messages on its own queue and
+// on every logger's; nodes beyond it are freed when they come back.
+constexpr size_t kMaxPooledNodes = 4096;
 
 }  // namespace
 

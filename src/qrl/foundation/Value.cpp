@@ -1,13 +1,16 @@
 #include "qrl/foundation/Value.h"
 
+#include <bit>
 #include <charconv>
 #include <chrono>
 #include <clocale>
 #include <cmath>
 #include <cstdlib>
+#include <cstring>
 #include <functional>
 #include <limits>
 #include <locale.h>
+#include <new>
 
 namespace qrl {
 
@@ -49,18 +52,102 @@ Dictionary::Dictionary(std::initializer_list<std::pair<std::string, Value>> item
     for (const auto& item : items) set(item.first, item.second);
 }
 
+namespace {
+
+// Equal keys have equal fingerprints; keys that differ in length or in their
+// first or last bytes almost never share one.
+uint64_t fingerprint(std::string_view key) {
+    const size_t n = key.size();
+    const char* p = key.data();
+    if (n >= 8) {
+        uint64_t first, last;
+        std::memcpy(&first, p, 8);
+        std::memcpy(&last, p + n - 8, 8);
+        return first ^ ((last << 29) | (last >> 35)) ^ (static_cast<uint64_t>(n) << 56);
+    }
+    if (n >= 4) {
+        uint32_t first, last;
+        std::memcpy(&first, p, 4);
+        std::memcpy(&last, p + n - 4, 4);
+        return (static_cast<uint64_t>(first) << 32 | last) ^ (static_cast<uint64_t>(n) << 61);
+    }
+    if (n == 0) return 0;
+    return static_cast<unsigned char>(p[0]) | static_cast<unsigned char>(p[n / 2]) << 8 |
+           static_cast<unsigned char>(p[n - 1]) << 16 | static_cast<uint64_t>(n) << 24;
+}
+
+}  // namespace
+
+Dictionary::Dictionary(std::vector<std::pair<std::string, Value>> entries) : entries_(std::move(entries)) {
+    adoptEntries();
+}
+
+// The entries are taken as they are; only a repeated key, found while the
+// index is built (or by comparing all pairs while the map is small), sends
+// them through set() one by one.
+void Dictionary::adoptEntries() {
+    index_.reset();
+    const size_t count = entries_.size();
+    if (count <= 2) {
+        if (count == 2 && entries_[0].first == entries_[1].first) setEach(std::move(entries_));
+        return;
+    }
+    if (count <= kIndexThreshold) {
+        // Keys with different fingerprints need no closer look.
+        uint64_t prints[kIndexThreshold];
+        for (size_t i = 0; i < count; ++i) {
+            prints[i] = fingerprint(entries_[i].first);
+            for (size_t j = 0; j < i; ++j) {
+                if (prints[j] == prints[i] && entries_[j].first == entries_[i].first) {
+                    setEach(std::move(entries_));
+                    return;
+                }
+            }
+        }
+        return;
+    }
+    index_ = std::make_unique<Index>();
+    index_->reset(count);
+    for (size_t position = 0; position < count; ++position) {
+        const uint64_t h = Index::hashOf(entries_[position].first);
+        const uint32_t t = Index::tag(h);
+        size_t i = static_cast<size_t>(h) & index_->mask;
+        for (;;) {
+            const uint64_t slot = index_->slots[i];
+            if (slot == 0) break;
+            if (static_cast<uint32_t>(slot >> 32) == t &&
+                entries_[static_cast<uint32_t>(slot) - 1].first == entries_[position].first) {
+                setEach(std::move(entries_));
+                return;
+            }
+            i = (i + 1) & index_->mask;
+        }
+        index_->slots[i] = (static_cast<uint64_t>(t) << 32) | static_cast<uint64_t>(position + 1);
+    }
+}
+
+void Dictionary::setEach(std::vector<std::pair<std::string, Value>> entries) {
+    entries_ = {};
+    index_.reset();
+    entries_.reserve(entries.size());
+    for (auto& entry : entries) set(std::move(entry.first), std::move(entry.second));
+}
+
 Dictionary::Dictionary(const Dictionary& other)
-    : entries_(other.entries_), index_(other.index_ ? std::make_shared<Index>(*other.index_) : nullptr) {}
+    : entries_(other.entries_), index_(other.index_ ? std::make_unique<Index>(*other.index_) : nullptr) {}
+
+Dictionary::Dictionary() noexcept = default;
+Dictionary::Dictionary(Dictionary&&) noexcept = default;
+Dictionary& Dictionary::operator=(Dictionary&&) noexcept = default;
+Dictionary::~Dictionary() = default;
 
 Dictionary& Dictionary::operator=(const Dictionary& other) {
     if (this != &other) {
         entries_ = other.entries_;
-        index_ = other.index_ ? std::make_shared<Index>(*other.index_) : nullptr;
+        index_ = other.index_ ? std::make_unique<Index>(*other.index_) : nullptr;
     }
     return *this;
 }
-
-size_t Dictionary::size() const { return entries_.size(); }
 
 size_t Dictionary::indexOf(std::string_view key) const {
     if (!index_) {
@@ -87,7 +174,7 @@ void Dictionary::rebuildIndex() {
         index_.reset();
         return;
     }
-    if (!index_) index_ = std::make_shared<Index>();
+    if (!index_) index_ = std::make_unique<Index>();
     index_->reset(entries_.size());
     for (size_t i = 0; i < entries_.size(); ++i) index_->insert(Index::hashOf(entries_[i].first), i);
 }
@@ -149,79 +236,102 @@ std::vector<std::string> Dictionary::keys() const {
     return out;
 }
 
-const std::vector<std::pair<std::string, Value>>& Dictionary::entries() const { return entries_; }
-
 // ---------------------------------------------------------------- Value
 
 Value::Value(const char* s) {
-    if (s) v_ = std::string(s);
+    if (s) {
+        new (&u_.string) std::string(s);
+        type_ = Type::String;
+    }
+}
+
+void Value::copyHeld(const Value& other) {
+    switch (type_) {
+    case Type::String: new (&u_.string) std::string(other.u_.string); break;
+    case Type::Data: new (&u_.data) qrl::Data(other.u_.data); break;
+    case Type::Array: new (&u_.array) std::shared_ptr<Array>(other.u_.array); break;
+    case Type::Dictionary: new (&u_.dictionary) std::shared_ptr<Dictionary>(other.u_.dictionary); break;
+    case Type::Object: new (&u_.object) std::shared_ptr<Object>(other.u_.object); break;
+    default: break;  // plain bytes are not copied here
+    }
+}
+
+void Value::destroyHeld() noexcept {
+    switch (type_) {
+    case Type::String: u_.string.~basic_string(); break;
+    case Type::Data: u_.data.~vector(); break;
+    case Type::Array: u_.array.~shared_ptr(); break;
+    case Type::Dictionary: u_.dictionary.~shared_ptr(); break;
+    case Type::Object: u_.object.~shared_ptr(); break;
+    default: break;  // plain bytes need nothing
+    }
 }
 
 namespace {
-template <class V>
-void setUnsigned(V& v, unsigned long long u) {
+Value fromUnsigned(unsigned long long u) {
     if (u > static_cast<unsigned long long>(std::numeric_limits<int64_t>::max())) {
-        v = *qrl::Decimal::parse(std::to_string(u));
-    } else {
-        v = static_cast<int64_t>(u);
+        return Value(*qrl::Decimal::parse(std::to_string(u)));
     }
+    return Value(static_cast<long long>(u));
 }
 }  // namespace
 
-Value::Value(unsigned long v) { setUnsigned(v_, v); }
+Value::Value(unsigned long v) : Value(fromUnsigned(v)) {}
 
-Value::Value(unsigned long long v) { setUnsigned(v_, v); }
+Value::Value(unsigned long long v) : Value(fromUnsigned(v)) {}
 
 Value::Value(std::shared_ptr<Array> a) {
-    if (a) v_ = std::move(a);
+    if (a) {
+        new (&u_.array) std::shared_ptr<Array>(std::move(a));
+        type_ = Type::Array;
+    }
 }
 
 Value::Value(std::shared_ptr<Dictionary> d) {
-    if (d) v_ = std::move(d);
+    if (d) {
+        new (&u_.dictionary) std::shared_ptr<Dictionary>(std::move(d));
+        type_ = Type::Dictionary;
+    }
 }
 
 Value::Value(std::shared_ptr<Object> o) {
-    if (o) v_ = std::move(o);
+    if (o) {
+        new (&u_.object) std::shared_ptr<Object>(std::move(o));
+        type_ = Type::Object;
+    }
+}
+
+// ---------------------------------------------------------------- containers
+
+DictionaryBuilder::DictionaryBuilder(size_t expected)
+    : dictionary_(std::make_shared<Dictionary>()), entries_(&dictionary_.asDictionary()->entries_) {
+    entries_->reserve(expected);
+}
+
+Value DictionaryBuilder::finish() {
+    dictionary_.asDictionary()->adoptEntries();
+    return std::move(dictionary_);
 }
 
 Value Value::array(std::initializer_list<Value> items) { return Value(std::make_shared<Array>(items)); }
 
 Value Value::array(Array items) { return Value(std::make_shared<Array>(std::move(items))); }
 
+Value Value::arrayWithCapacity(size_t capacity) {
+    auto a = std::make_shared<Array>();
+    a->reserve(capacity);
+    return Value(std::move(a));
+}
+
 Value Value::dictionary(std::initializer_list<std::pair<std::string, Value>> items) {
     return Value(std::make_shared<Dictionary>(items));
 }
 
-std::optional<bool> Value::asBoolean() const {
-    if (const bool* b = std::get_if<bool>(&v_)) return *b;
-    return std::nullopt;
-}
-
-std::optional<int64_t> Value::asInteger() const {
-    if (const int64_t* i = std::get_if<int64_t>(&v_)) return *i;
-    return std::nullopt;
-}
-
-std::optional<double> Value::asReal() const {
-    if (const double* d = std::get_if<double>(&v_)) return *d;
-    return std::nullopt;
-}
-
-const qrl::Decimal* Value::asDecimal() const { return std::get_if<qrl::Decimal>(&v_); }
-const std::string* Value::asString() const { return std::get_if<std::string>(&v_); }
-const qrl::Data* Value::asData() const { return std::get_if<qrl::Data>(&v_); }
-
-std::optional<qrl::Date> Value::asDate() const {
-    if (const qrl::Date* d = std::get_if<qrl::Date>(&v_)) return *d;
-    return std::nullopt;
+Value Value::dictionary(std::vector<std::pair<std::string, Value>> entries) {
+    return Value(std::make_shared<Dictionary>(std::move(entries)));
 }
 
 namespace {
-template <class T>
-const std::shared_ptr<T>& nullShared() {
-    static const std::shared_ptr<T> none;
-    return none;
-}
 
 bool isSpace(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\v' || c == '\f' || c == '\r'; }
 bool isDigit(char c) { return c >= '0' && c <= '9'; }
@@ -471,28 +581,13 @@ std::string Date::description() const {
     return out;
 }
 
-const std::shared_ptr<Array>& Value::asArray() const {
-    if (const auto* a = std::get_if<std::shared_ptr<Array>>(&v_)) return *a;
-    return nullShared<Array>();
-}
-
-const std::shared_ptr<Dictionary>& Value::asDictionary() const {
-    if (const auto* d = std::get_if<std::shared_ptr<Dictionary>>(&v_)) return *d;
-    return nullShared<Dictionary>();
-}
-
-const std::shared_ptr<Object>& Value::asObject() const {
-    if (const auto* o = std::get_if<std::shared_ptr<Object>>(&v_)) return *o;
-    return nullShared<Object>();
-}
-
 int64_t Value::integerValue() const {
     switch (type()) {
-    case Type::Boolean: return std::get<bool>(v_) ? 1 : 0;
-    case Type::Integer: return std::get<int64_t>(v_);
-    case Type::Real: return saturatingFromDouble(std::get<double>(v_));
-    case Type::Decimal: return std::get<qrl::Decimal>(v_).toInt64();
-    case Type::String: return integerFromString(std::get<std::string>(v_));
+    case Type::Boolean: return u_.boolean ? 1 : 0;
+    case Type::Integer: return u_.integer;
+    case Type::Real: return saturatingFromDouble(u_.real);
+    case Type::Decimal: return u_.decimal.toInt64();
+    case Type::String: return integerFromString(u_.string);
     default: return 0;
     }
 }
@@ -501,22 +596,22 @@ int32_t Value::intValue() const { return static_cast<int32_t>(integerValue()); }
 
 bool Value::boolValue() const {
     switch (type()) {
-    case Type::Boolean: return std::get<bool>(v_);
-    case Type::Integer: return std::get<int64_t>(v_) != 0;
-    case Type::Real: return std::get<double>(v_) != 0.0;
-    case Type::Decimal: return !std::get<qrl::Decimal>(v_).isZero();
-    case Type::String: return boolFromString(std::get<std::string>(v_));
+    case Type::Boolean: return u_.boolean;
+    case Type::Integer: return u_.integer != 0;
+    case Type::Real: return u_.real != 0.0;
+    case Type::Decimal: return !u_.decimal.isZero();
+    case Type::String: return boolFromString(u_.string);
     default: return false;
     }
 }
 
 double Value::doubleValue() const {
     switch (type()) {
-    case Type::Boolean: return std::get<bool>(v_) ? 1.0 : 0.0;
-    case Type::Integer: return static_cast<double>(std::get<int64_t>(v_));
-    case Type::Real: return std::get<double>(v_);
-    case Type::Decimal: return std::get<qrl::Decimal>(v_).toDouble();
-    case Type::String: return doubleFromString(std::get<std::string>(v_));
+    case Type::Boolean: return u_.boolean ? 1.0 : 0.0;
+    case Type::Integer: return static_cast<double>(u_.integer);
+    case Type::Real: return u_.real;
+    case Type::Decimal: return u_.decimal.toDouble();
+    case Type::String: return doubleFromString(u_.string);
     default: return 0.0;
     }
 }
@@ -533,31 +628,30 @@ std::string Value::description() const {
 }
 
 Value Value::operator[](std::string_view key) const {
-    if (const auto* d = std::get_if<std::shared_ptr<Dictionary>>(&v_)) return (*d)->get(key);
+    if (type_ == Type::Dictionary) return u_.dictionary->get(key);
     return Value();
 }
 
 Value Value::operator[](size_t index) const {
-    if (const auto* a = std::get_if<std::shared_ptr<Array>>(&v_)) {
-        if (index < (*a)->size()) return (**a)[index];
-    }
+    if (type_ == Type::Array && index < u_.array->size()) return (*u_.array)[index];
     return Value();
 }
 
 Value Value::deepCopy() const {
     switch (type()) {
     case Type::Array: {
-        const Array& src = *std::get<std::shared_ptr<Array>>(v_);
-        auto copy = std::make_shared<Array>();
-        copy->reserve(src.size());
-        for (const Value& item : src) copy->push_back(item.deepCopy());
-        return Value(std::move(copy));
+        const Array& src = *u_.array;
+        Array copy;
+        copy.reserve(src.size());
+        for (const Value& item : src) copy.push_back(item.deepCopy());
+        return Value::array(std::move(copy));
     }
     case Type::Dictionary: {
-        const Dictionary& src = *std::get<std::shared_ptr<Dictionary>>(v_);
-        auto copy = std::make_shared<Dictionary>();
-        for (const auto& [key, value] : src) copy->set(key, value.deepCopy());
-        return Value(std::move(copy));
+        const Dictionary& src = *u_.dictionary;
+        std::vector<std::pair<std::string, Value>> copy;
+        copy.reserve(src.size());
+        for (const auto& [key, value] : src) copy.emplace_back(key, value.deepCopy());
+        return Value::dictionary(std::move(copy));
     }
     default: return *this;  // scalars are values already; objects stay shared
     }

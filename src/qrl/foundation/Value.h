@@ -6,13 +6,15 @@
 #pragma once
 
 #include <cstdint>
+#include <cstring>
 #include <initializer_list>
 #include <memory>
+#include <new>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <tuple>
 #include <utility>
-#include <variant>
 #include <vector>
 
 #include "qrl/foundation/Decimal.h"
@@ -50,23 +52,23 @@ class Value {
 public:
     enum class Type { Null, Boolean, Integer, Real, Decimal, String, Data, Date, Array, Dictionary, Object };
 
-    Value() = default;  // null
-    Value(std::nullptr_t) {}
-    Value(bool b) : v_(b) {}
-    Value(int v) : v_(static_cast<int64_t>(v)) {}
-    Value(unsigned v) : v_(static_cast<int64_t>(v)) {}
-    Value(long v) : v_(static_cast<int64_t>(v)) {}
-    Value(long long v) : v_(static_cast<int64_t>(v)) {}
+    Value() noexcept {}  // null
+    Value(std::nullptr_t) noexcept {}
+    Value(bool b) noexcept : type_(Type::Boolean) { u_.boolean = b; }
+    Value(int v) noexcept : Value(static_cast<int64_t>(v), IntegerTag()) {}
+    Value(unsigned v) noexcept : Value(static_cast<int64_t>(v), IntegerTag()) {}
+    Value(long v) noexcept : Value(static_cast<int64_t>(v), IntegerTag()) {}
+    Value(long long v) noexcept : Value(static_cast<int64_t>(v), IntegerTag()) {}
     // Unsigned 64-bit values above the signed range are kept exactly as decimals.
     Value(unsigned long v);
     Value(unsigned long long v);
-    Value(double d) : v_(d) {}
-    Value(qrl::Decimal d) : v_(d) {}
+    Value(double d) noexcept : type_(Type::Real) { u_.real = d; }
+    Value(qrl::Decimal d) noexcept : type_(Type::Decimal) { new (&u_.decimal) qrl::Decimal(d); }
     Value(const char* s);  // null pointer gives a null Value
-    Value(std::string s) : v_(std::move(s)) {}
-    Value(std::string_view s) : v_(std::string(s)) {}
-    Value(qrl::Data d) : v_(std::move(d)) {}
-    Value(qrl::Date d) : v_(d) {}
+    Value(std::string s) noexcept : type_(Type::String) { new (&u_.string) std::string(std::move(s)); }
+    Value(std::string_view s) : type_(Type::String) { new (&u_.string) std::string(s); }
+    Value(qrl::Data d) noexcept : type_(Type::Data) { new (&u_.data) qrl::Data(std::move(d)); }
+    Value(qrl::Date d) noexcept : type_(Type::Date) { u_.date = d; }
     Value(std::shared_ptr<Array> a);          // null pointer gives a null Value
     Value(std::shared_ptr<Dictionary> d);     // null pointer gives a null Value
     Value(std::shared_ptr<Object> o);         // null pointer gives a null Value
@@ -74,10 +76,16 @@ public:
     // New, empty containers, and literals: Value::array({1, "a"}),
     // Value::dictionary({{"k", 1}}).
     static Value array(std::initializer_list<Value> items = {});
-    static Value array(Array items);
     static Value dictionary(std::initializer_list<std::pair<std::string, Value>> items = {});
+    // Containers from what has been gathered already, moved in as it
+    // stands; in a dictionary a key that comes again keeps its first
+    // position and takes the last value.
+    static Value array(Array items);
+    static Value dictionary(std::vector<std::pair<std::string, Value>> entries);
+    // A new, empty array with room for `capacity` elements.
+    static Value arrayWithCapacity(size_t capacity);
 
-    Type type() const { return static_cast<Type>(v_.index()); }
+    Type type() const { return type_; }
     bool isNull() const { return type() == Type::Null; }
     bool isBoolean() const { return type() == Type::Boolean; }
     bool isInteger() const { return type() == Type::Integer; }
@@ -92,16 +100,31 @@ public:
     bool isObject() const { return type() == Type::Object; }
 
     // Typed access; nullptr / nullopt when the Value holds another type.
-    std::optional<bool> asBoolean() const;
-    std::optional<int64_t> asInteger() const;
-    std::optional<double> asReal() const;
-    const qrl::Decimal* asDecimal() const;
-    const std::string* asString() const;
-    const qrl::Data* asData() const;
-    std::optional<qrl::Date> asDate() const;
-    const std::shared_ptr<Array>& asArray() const;            // null when not an array
-    const std::shared_ptr<Dictionary>& asDictionary() const;  // null when not a dictionary
-    const std::shared_ptr<Object>& asObject() const;          // null when not an object
+    std::optional<bool> asBoolean() const {
+        if (type_ == Type::Boolean) return u_.boolean;
+        return std::nullopt;
+    }
+    std::optional<int64_t> asInteger() const {
+        if (type_ == Type::Integer) return u_.integer;
+        return std::nullopt;
+    }
+    std::optional<double> asReal() const {
+        if (type_ == Type::Real) return u_.real;
+        return std::nullopt;
+    }
+    const qrl::Decimal* asDecimal() const { return type_ == Type::Decimal ? &u_.decimal : nullptr; }
+    const std::string* asString() const { return type_ == Type::String ? &u_.string : nullptr; }
+    const qrl::Data* asData() const { return type_ == Type::Data ? &u_.data : nullptr; }
+    std::optional<qrl::Date> asDate() const {
+        if (type_ == Type::Date) return u_.date;
+        return std::nullopt;
+    }
+    // Null when the Value holds another type.
+    const std::shared_ptr<Array>& asArray() const { return type_ == Type::Array ? u_.array : kNoShared<Array>; }
+    const std::shared_ptr<Dictionary>& asDictionary() const {
+        return type_ == Type::Dictionary ? u_.dictionary : kNoShared<Dictionary>;
+    }
+    const std::shared_ptr<Object>& asObject() const { return type_ == Type::Object ? u_.object : kNoShared<Object>; }
 
     // The platform's number and string coercions:
     // - numbers: integerValue truncates reals and decimals toward zero
@@ -143,10 +166,92 @@ public:
     // different kinds compare by numeric value; objects by isEqual.
     friend bool operator==(const Value& a, const Value& b);
 
+    Value(const Value& other) : type_(other.type_) {
+        if (holdsPlainBytes(type_)) copyPlainBytes(other);
+        else copyHeld(other);
+    }
+    // A moved-from Value is null, whatever it held.
+    Value(Value&& other) noexcept : type_(other.type_) {
+        if (holdsPlainBytes(type_)) copyPlainBytes(other);
+        else moveHeld(other);
+        other.type_ = Type::Null;
+    }
+    Value& operator=(const Value& other) {
+        if (this != &other) {
+            Value copy(other);
+            *this = std::move(copy);
+        }
+        return *this;
+    }
+    Value& operator=(Value&& other) noexcept {
+        if (this != &other) {
+            if (!holdsPlainBytes(type_)) destroyHeld();
+            type_ = other.type_;
+            if (holdsPlainBytes(type_)) copyPlainBytes(other);
+            else moveHeld(other);
+            other.type_ = Type::Null;
+        }
+        return *this;
+    }
+    ~Value() {
+        if (!holdsPlainBytes(type_)) destroyHeld();
+    }
+
 private:
-    std::variant<std::monostate, bool, int64_t, double, qrl::Decimal, std::string, qrl::Data, qrl::Date,
-                 std::shared_ptr<Array>, std::shared_ptr<Dictionary>, std::shared_ptr<Object>>
-        v_;
+    struct IntegerTag {};
+    Value(int64_t v, IntegerTag) noexcept : type_(Type::Integer) { u_.integer = v; }
+
+    template <class T>
+    static constinit inline const std::shared_ptr<T> kNoShared{};
+
+    // Null, booleans, numbers and dates are plain bytes: copied as such and
+    // never destroyed. The rest is copied, moved and destroyed by its type.
+    static bool holdsPlainBytes(Type t) {
+        return static_cast<unsigned>(t) <= static_cast<unsigned>(Type::Decimal) || t == Type::Date;
+    }
+    void copyPlainBytes(const Value& other) noexcept { std::memcpy(static_cast<void*>(&u_), &other.u_, sizeof u_); }
+    void copyHeld(const Value& other);
+    void moveHeld(Value& other) noexcept {
+        switch (type_) {
+        case Type::String:
+            new (&u_.string) std::string(std::move(other.u_.string));
+            other.u_.string.~basic_string();
+            break;
+        case Type::Array:
+            new (&u_.array) std::shared_ptr<Array>(std::move(other.u_.array));
+            other.u_.array.~shared_ptr();
+            break;
+        case Type::Dictionary:
+            new (&u_.dictionary) std::shared_ptr<Dictionary>(std::move(other.u_.dictionary));
+            other.u_.dictionary.~shared_ptr();
+            break;
+        case Type::Object:
+            new (&u_.object) std::shared_ptr<Object>(std::move(other.u_.object));
+            other.u_.object.~shared_ptr();
+            break;
+        default:
+            new (&u_.data) qrl::Data(std::move(other.u_.data));
+            other.u_.data.~vector();
+            break;
+        }
+    }
+    void destroyHeld() noexcept;
+
+    union Storage {
+        Storage() noexcept {}
+        ~Storage() {}
+        bool boolean;
+        int64_t integer;
+        double real;
+        qrl::Decimal decimal;
+        std::string string;
+        qrl::Data data;
+        qrl::Date date;
+        std::shared_ptr<Array> array;
+        std::shared_ptr<Dictionary> dictionary;
+        std::shared_ptr<Object> object;
+    } u_;
+    Type type_ = Type::Null;
 };
 
 // A string-keyed map that keeps insertion order. Setting an existing key
@@ -154,15 +259,19 @@ private:
 // that share one across threads lock around it.
 class Dictionary {
 public:
-    Dictionary() = default;
+    Dictionary() noexcept;
     Dictionary(std::initializer_list<std::pair<std::string, Value>> items);
+    // Takes the entries in their order; a key that comes again keeps its
+    // first position and takes the last value.
+    explicit Dictionary(std::vector<std::pair<std::string, Value>> entries);
     Dictionary(const Dictionary& other);
     Dictionary& operator=(const Dictionary& other);
-    Dictionary(Dictionary&&) noexcept = default;
-    Dictionary& operator=(Dictionary&&) noexcept = default;
+    Dictionary(Dictionary&&) noexcept;
+    Dictionary& operator=(Dictionary&&) noexcept;
+    ~Dictionary();
 
-    size_t size() const;
-    bool empty() const { return size() == 0; }
+    size_t size() const { return entries_.size(); }
+    bool empty() const { return entries_.empty(); }
     bool contains(std::string_view key) const;
     const Value* find(std::string_view key) const;  // null when absent
     Value* find(std::string_view key);
@@ -174,7 +283,7 @@ public:
 
     // Keys and entries in insertion order.
     std::vector<std::string> keys() const;
-    const std::vector<std::pair<std::string, Value>>& entries() const;
+    const std::vector<std::pair<std::string, Value>>& entries() const { return entries_; }
 
     // Iteration in insertion order over std::pair<std::string, Value>.
     auto begin() const { return entries().begin(); }
@@ -185,12 +294,48 @@ private:
     // over the keys is kept once the map grows past a few entries.
     std::vector<std::pair<std::string, Value>> entries_;
     struct Index;
-    std::shared_ptr<Index> index_;  // owned; null while small
+    std::unique_ptr<Index> index_;  // null while small
 
     static constexpr size_t kIndexThreshold = 8;  // linear scan up to this many entries
     static constexpr size_t npos = static_cast<size_t>(-1);
     size_t indexOf(std::string_view key) const;  // npos when absent
     void rebuildIndex();
+    void adoptEntries();  // checks entries_ filled wholesale for repeats, builds the index
+    void setEach(std::vector<std::pair<std::string, Value>> entries);
+    friend class DictionaryBuilder;  // appends in place
+};
+
+// Fills a new dictionary in place, for readers of serialized maps: entries
+// are appended in order without a lookup each, and repeated keys are settled
+// once at the end (the first position, the last value). One thread at a
+// time.
+class DictionaryBuilder {
+public:
+    // Room for about `expected` entries.
+    explicit DictionaryBuilder(size_t expected);
+    DictionaryBuilder(DictionaryBuilder&&) noexcept = default;
+    DictionaryBuilder& operator=(DictionaryBuilder&&) noexcept = default;
+
+    // Appends the key with a null value and answers that value, to be set
+    // before anything else is appended.
+    Value& append(std::string_view key) {
+        return entries_->emplace_back(std::piecewise_construct, std::forward_as_tuple(key), std::forward_as_tuple()).second;
+    }
+    Value& append(const char* key) { return append(std::string_view(key)); }
+    Value& append(std::string&& key) {
+        return entries_
+            ->emplace_back(std::piecewise_construct, std::forward_as_tuple(std::move(key)), std::forward_as_tuple())
+            .second;
+    }
+    size_t size() const { return entries_->size(); }
+    const std::string& lastKey() const { return entries_->back().first; }  // size() > 0
+
+    // The dictionary, repeated keys settled. The builder is spent.
+    Value finish();
+
+private:
+    Value dictionary_;
+    std::vector<std::pair<std::string, Value>>* entries_;  // inside dictionary_
 };
 
 }  // namespace qrl

@@ -9,6 +9,10 @@
 #include <string>
 #include <string_view>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 #include "qrl/foundation/Decimal.h"
 
 namespace qrl::jsontext {
@@ -34,9 +38,21 @@ const char* findStringSpecialInBlocks(const char* p, const char* end);
 const char* findStringSpecialInBlocks(const char* p, const char* end, bool& nonAscii);
 
 // First byte in [p, end) that is a double quote, a backslash or below 0x20;
-// end when there is none.
+// end when there is none. Most strings end within their first sixteen
+// bytes, which are looked at here; longer ones go on out of line.
 inline const char* findStringSpecial(const char* p, const char* end) {
+#if defined(__SSE2__)
+    if (end - p >= 16) {
+        const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
+        __m128i hit = _mm_or_si128(_mm_cmpeq_epi8(v, _mm_set1_epi8('"')), _mm_cmpeq_epi8(v, _mm_set1_epi8('\\')));
+        hit = _mm_or_si128(hit, _mm_cmpeq_epi8(_mm_min_epu8(v, _mm_set1_epi8(0x1F)), v));  // unsigned v <= 0x1F
+        const int mask = _mm_movemask_epi8(hit);
+        if (mask != 0) return p + __builtin_ctz(static_cast<unsigned>(mask));
+        return findStringSpecialInBlocks(p + 16, end);
+    }
+#else
     if (end - p >= 16) return findStringSpecialInBlocks(p, end);
+#endif
     while (p < end && !kStringSpecial.special[static_cast<unsigned char>(*p)]) ++p;
     return p;
 }

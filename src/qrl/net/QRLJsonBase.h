@@ -40,10 +40,10 @@ public:
 
     static constexpr uint64_t kDefaultMaxDepth = 512;
     // Nesting never goes deeper than this, even when maxDepth is 0 (no limit)
-    // or larger: reading, writing and destroying nested values recurse, and
-    // deeper documents could exhaust a thread's stack (about 1.6 KiB a level
-    // in an unoptimised build with address sanitizer, a quarter of that
-    // optimised).
+    // or larger: writing and destroying nested values recurse, and deeper
+    // documents could exhaust a thread's stack (about 1.6 KiB a level in an
+    // unoptimised build with address sanitizer, a quarter of that
+    // optimised). Reading keeps its own stack.
     static constexpr uint64_t kSupportedDepth = 2048;
 
     QRLJsonBase();

@@ -1,9 +1,15 @@
 #include "qrl/net/QRLJsonParser.h"
 
+#include <algorithm>
+#include <bit>
 #include <cstdio>
 #include <cstring>
 #include <iterator>
 #include <limits>
+#include <optional>
+#include <span>
+#include <tuple>
+#include <utility>
 
 #include "qrl/net/JsonText.h"
 
@@ -27,6 +33,49 @@ struct WhitespaceTable {
 constexpr WhitespaceTable kWhitespace;
 
 inline bool isDigit(char ch) { return static_cast<unsigned char>(ch - '0') < 10; }
+
+// Eight ASCII digits, first digit in the lowest byte (a little-endian load):
+// their value, by pairing neighbours into two-digit then four-digit groups.
+inline uint32_t eightDigitsValue(uint64_t bytes) {
+    bytes -= 0x3030303030303030ull;
+    bytes = bytes * 10 + (bytes >> 8);  // even bytes: two-digit groups
+    constexpr uint64_t kMask = 0x000000FF000000FFull;
+    const uint64_t high = (bytes & kMask) * (100 + (1000000ull << 32));
+    const uint64_t low = ((bytes >> 16) & kMask) * (1 + (10000ull << 32));
+    return static_cast<uint32_t>((high + low) >> 32);
+}
+
+constexpr uint64_t kPowersOfTen[8] = {1, 10, 100, 1000, 10000, 100000, 1000000, 10000000};
+
+// Adds the run of digits at p to value (wrapping past 20 digits, when the
+// caller no longer uses it) and answers its end. Eight bytes are looked at
+// at once: the top bit of each byte of `flags` marks a byte that is no digit
+// (above '9' by the addition, below '0' by the subtraction; a carry or
+// borrow only ever reaches bytes after one that is marked already).
+inline const char* accumulateDigits(const char* p, const char* end, uint64_t& value) {
+    if constexpr (std::endian::native == std::endian::little) {
+        while (end - p >= 8) {
+            uint64_t bytes;
+            std::memcpy(&bytes, p, 8);
+            const uint64_t flags =
+                ((bytes + 0x4646464646464646ull) | (bytes - 0x3030303030303030ull)) & 0x8080808080808080ull;
+            if (flags == 0) {
+                value = value * 100000000u + eightDigitsValue(bytes);
+                p += 8;
+                continue;
+            }
+            const int count = __builtin_ctzll(flags) >> 3;  // digits before the first other byte
+            if (count > 0) {
+                // The digits move to the top, '0's fill in below them.
+                const uint64_t padded = (bytes << (8 * (8 - count))) | (0x3030303030303030ull >> (8 * count));
+                value = value * kPowersOfTen[count] + eightDigitsValue(padded);
+            }
+            return p + count;
+        }
+    }
+    while (p < end && isDigit(*p)) value = value * 10 + static_cast<uint64_t>(*p++ - '0');
+    return p;
+}
 
 std::string hexMessage(const char* prefix, unsigned value) {
     char buffer[96];
@@ -64,9 +113,10 @@ Value QRLJsonParser::parse(const char* text, size_t length, bool present) {
     c_ = text;
     end_ = text + length;
     failed_ = false;
-    elements_.clear();
-    members_.clear();
-    Value value = scanValue();
+    arrays_.clear();
+    objects_.clear();
+    frames_.clear();
+    Value value = scanDocument();
     releaseScratch();
     if (failed_) return Value();
     if (!scanIsAtEnd()) {
@@ -80,14 +130,16 @@ Value QRLJsonParser::parse(const char* text, size_t length, bool present) {
     return value;
 }
 
-// The scratch stacks keep their room for the next document, unless a very
-// large one made them grow.
+// The stacks keep their room for the next document, unless a very deep one
+// made them grow.
 void QRLJsonParser::releaseScratch() {
-    constexpr size_t kKept = 4096;
-    elements_.clear();
-    members_.clear();
-    if (elements_.capacity() > kKept) std::vector<Value>().swap(elements_);
-    if (members_.capacity() > kKept) std::vector<std::pair<std::string, Value>>().swap(members_);
+    constexpr size_t kKept = 256;
+    arrays_.clear();
+    objects_.clear();
+    frames_.clear();
+    if (arrays_.capacity() > kKept) std::vector<Value>().swap(arrays_);
+    if (objects_.capacity() > kKept) std::vector<DictionaryBuilder>().swap(objects_);
+    if (frames_.capacity() > kKept) std::vector<Frame>().swap(frames_);
 }
 
 Value QRLJsonParser::fail(uint64_t code, std::string description) {
@@ -96,16 +148,35 @@ Value QRLJsonParser::fail(uint64_t code, std::string description) {
     return Value();
 }
 
-Value QRLJsonParser::failInArray(size_t mark, uint64_t code, const char* description) {
-    elements_.erase(elements_.begin() + static_cast<std::ptrdiff_t>(mark), elements_.end());
-    return fail(code, description);
+// A failure while a value was read: every open container adds its own
+// error, innermost first, and drops what it had collected.
+Value QRLJsonParser::failInValue() {
+    failed_ = true;
+    while (!frames_.empty()) {
+        const Frame frame = frames_.back();
+        frames_.pop_back();
+        if (frame.dictionary) {
+            std::string text = "Object value expected for key: ";
+            text += objects_.back().lastKey();
+            objects_.pop_back();
+            addErrorWithCode(kQRLJsonErrorSyntax, std::move(text));
+        } else {
+            arrays_.pop_back();
+            addErrorWithCode(kQRLJsonErrorSyntax, "Expected value while parsing array");
+        }
+    }
+    return Value();
 }
 
-Value QRLJsonParser::failInDictionary(size_t mark, uint64_t code, const char* description, const std::string* key) {
-    std::string text = description;
-    if (key != nullptr) text += *key;
-    members_.erase(members_.begin() + static_cast<std::ptrdiff_t>(mark), members_.end());
-    return fail(code, std::move(text));
+// A failure of the innermost container itself (its punctuation or its end):
+// its error comes first, then the enclosing containers' as above.
+Value QRLJsonParser::failInContainer(uint64_t code, const char* description) {
+    const Frame frame = frames_.back();
+    frames_.pop_back();
+    if (frame.dictionary) objects_.pop_back();
+    else arrays_.pop_back();
+    addErrorWithCode(code, description);
+    return failInValue();
 }
 
 // Most places have no white space at all: that case stays inline.
@@ -119,16 +190,11 @@ bool QRLJsonParser::scanIsAtEnd() {
     return c_ == end_;
 }
 
-Value QRLJsonParser::scanValue() {
-    skipWhitespace();
-    if (c_ == end_) return fail(kQRLJsonErrorEndOfInput, "Unexpected end of string");
+// A value that is no container, at the cursor (not at the end).
+Value QRLJsonParser::scanScalar() {
     switch (*c_++) {
         case '"':
             return scanStringValue();
-        case '[':
-            return scanRestOfArray();
-        case '{':
-            return scanRestOfDictionary();
         case 't':
             return scanRestOfTrue();
         case 'f':
@@ -155,9 +221,136 @@ Value QRLJsonParser::scanValue() {
     }
 }
 
-// Kept apart from scanValue so that the string's storage is not part of
-// every nesting level's stack frame.
+// The document is read in one loop over an explicit stack of open
+// containers rather than by recursion: each value goes straight into the
+// container it belongs to, and nesting costs no machine stack. Containers
+// are made when they open, with the room the last one at their depth
+// needed. The states follow the grammar: a value is expected; an array or
+// an object is at the top of its loop (before an element, a key or its
+// end); or a value of one was just read (before a comma).
+Value QRLJsonParser::scanDocument() {
+    enum class State { Value, ArrayNext, ArrayAfterValue, ObjectNext, ObjectAfterValue };
+    Value top;
+    State state = State::Value;
+    // Hands a finished value to the container it belongs to, or keeps it as
+    // the document's; says where reading goes on.
+    auto deliver = [&](Value&& value) {
+        if (frames_.empty()) {
+            top = std::move(value);
+            return false;
+        }
+        if (frames_.back().dictionary) {
+            *frames_.back().member = std::move(value);
+            state = State::ObjectAfterValue;
+        } else {
+            frames_.back().array->push_back(std::move(value));
+            state = State::ArrayAfterValue;
+        }
+        return true;
+    };
+    for (;;) {
+        switch (state) {
+            case State::Value: {
+                skipWhitespace();
+                if (c_ == end_) {
+                    addErrorWithCode(kQRLJsonErrorEndOfInput, "Unexpected end of string");
+                    return failInValue();
+                }
+                if (*c_ == '[') {
+                    ++c_;
+                    if (!enterContainer()) return failInValue();
+                    arrays_.push_back(Value::arrayWithCapacity(expectedSize(false)));
+                    frames_.push_back(Frame{arrays_.back().asArray().get(), nullptr, false});
+                    state = State::ArrayNext;
+                    break;
+                }
+                if (*c_ == '{') {
+                    ++c_;
+                    if (!enterContainer()) return failInValue();
+                    objects_.emplace_back(expectedSize(true));
+                    frames_.push_back(Frame{nullptr, nullptr, true});
+                    state = State::ObjectNext;
+                    break;
+                }
+                Value value = scanScalar();
+                if (failed_) return failInValue();
+                if (!deliver(std::move(value))) return top;
+                break;
+            }
+            case State::ArrayNext:
+                if (c_ == end_) return failInContainer(kQRLJsonErrorEndOfInput, "End of input while parsing array");
+                skipWhitespace();
+                if (c_ < end_ && *c_ == ']') {
+                    ++c_;
+                    leaveContainer();
+                    if (!deliver(finishArray())) return top;
+                    break;
+                }
+                state = State::Value;
+                break;
+            case State::ArrayAfterValue:
+                skipWhitespace();
+                if (c_ < end_ && *c_ == ',') {
+                    ++c_;
+                    skipWhitespace();
+                    if (c_ < end_ && *c_ == ']') {
+                        return failInContainer(kQRLJsonErrorTrailingComma, "Trailing comma disallowed in array");
+                    }
+                }
+                state = State::ArrayNext;
+                break;
+            case State::ObjectNext: {
+                if (c_ == end_) return failInContainer(kQRLJsonErrorEndOfInput, "End of input while parsing object");
+                skipWhitespace();
+                if (c_ < end_ && *c_ == '}') {
+                    ++c_;
+                    leaveContainer();
+                    if (!deliver(finishDictionary())) return top;
+                    break;
+                }
+                if (c_ == end_ || *c_ != '"') return failInContainer(kQRLJsonErrorSyntax, "Object key string expected");
+                ++c_;
+                // The key goes in with a null value, which the member's value
+                // replaces once it is read.
+                const char* const quote = jsontext::findStringSpecial(c_, end_);
+                if (quote < end_ && *quote == '"') {
+                    frames_.back().member = &objects_.back().append(std::string_view(c_, static_cast<size_t>(quote - c_)));
+                    c_ = quote + 1;
+                } else {
+                    std::string key;
+                    if (!scanRestOfString(key)) return failInContainer(kQRLJsonErrorSyntax, "Object key string expected");
+                    frames_.back().member = &objects_.back().append(std::move(key));
+                }
+                skipWhitespace();
+                if (c_ == end_ || *c_ != ':') {
+                    return failInContainer(kQRLJsonErrorSyntax, "Expected ':' separating key and value");
+                }
+                ++c_;
+                state = State::Value;
+                break;
+            }
+            case State::ObjectAfterValue:
+                skipWhitespace();
+                if (c_ < end_ && *c_ == ',') {
+                    ++c_;
+                    skipWhitespace();
+                    if (c_ < end_ && *c_ == '}') {
+                        return failInContainer(kQRLJsonErrorTrailingComma, "Trailing comma disallowed in object");
+                    }
+                }
+                state = State::ObjectNext;
+                break;
+        }
+    }
+}
+
 Value QRLJsonParser::scanStringValue() {
+    const char* const quote = jsontext::findStringSpecial(c_, end_);
+    if (quote < end_ && *quote == '"') {  // nothing to decode: made in place
+        Value value(std::string_view(c_, static_cast<size_t>(quote - c_)));
+        c_ = quote + 1;
+        return value;
+    }
     std::string text;
     if (!scanRestOfString(text)) {
         failed_ = true;
@@ -187,106 +380,49 @@ Value QRLJsonParser::scanRestOfNull() {
     return Value();
 }
 
-Value QRLJsonParser::scanRestOfArray() {
-    if (!enterContainer()) {
-        failed_ = true;
-        return Value();
-    }
-    const size_t mark = elements_.size();
-    auto failHere = [&](uint64_t code, const char* description) { return failInArray(mark, code, description); };
-    while (c_ < end_) {
-        skipWhitespace();
-        if (c_ < end_ && *c_ == ']') {
-            ++c_;
-            leaveContainer();
-            return finishArray(mark);
-        }
-        // Nested arrays grow elements_ while the value is read, so it is
-        // read whole before it goes in.
-        Value element = scanValue();
-        if (failed_) return failHere(kQRLJsonErrorSyntax, "Expected value while parsing array");
-        elements_.push_back(std::move(element));
-        skipWhitespace();
-        if (c_ < end_ && *c_ == ',') {
-            ++c_;
-            skipWhitespace();
-            if (c_ < end_ && *c_ == ']') {
-                return failHere(kQRLJsonErrorTrailingComma, "Trailing comma disallowed in array");
-            }
-        }
-    }
-    return failHere(kQRLJsonErrorEndOfInput, "End of input while parsing array");
+// The innermost container is complete, and its frame goes. An array that
+// was given far more room than it took (a guess gone wrong) is cut down.
+Value QRLJsonParser::finishArray() {
+    Array& array = *frames_.back().array;
+    noteSize(false, array.size());
+    if (array.capacity() > 2 * array.size() + 16) array.shrink_to_fit();
+    Value value = std::move(arrays_.back());
+    arrays_.pop_back();
+    frames_.pop_back();
+    return value;
 }
 
-Value QRLJsonParser::finishArray(size_t mark) {
-    const auto first = elements_.begin() + static_cast<std::ptrdiff_t>(mark);
-    auto items = std::make_shared<Array>(std::make_move_iterator(first), std::make_move_iterator(elements_.end()));
-    elements_.erase(first, elements_.end());
-    return Value(std::move(items));
+// A repeated key overwrites the value and keeps its first place.
+Value QRLJsonParser::finishDictionary() {
+    noteSize(true, objects_.back().size());
+    Value dictionary = objects_.back().finish();
+    objects_.pop_back();
+    frames_.pop_back();
+    return dictionary;
 }
 
-Value QRLJsonParser::finishDictionary(size_t mark) {
-    auto dictionary = std::make_shared<Dictionary>();
-    dictionary->reserve(members_.size() - mark);
-    // A repeated key overwrites the value and keeps its first place.
-    for (size_t i = mark; i < members_.size(); ++i) {
-        dictionary->set(std::move(members_[i].first), std::move(members_[i].second));
-    }
-    members_.erase(members_.begin() + static_cast<std::ptrdiff_t>(mark), members_.end());
-    return Value(std::move(dictionary));
+// Containers at one depth of a document tend to have the same number of
+// elements: the last one's is the guess for the next one's room.
+size_t QRLJsonParser::expectedSize(bool dictionary) const {
+    const size_t depth = frames_.size();
+    if (depth >= expectedSizes_.size()) return 0;
+    return dictionary ? expectedSizes_[depth].dictionary : expectedSizes_[depth].array;
 }
 
-Value QRLJsonParser::scanRestOfDictionary() {
-    if (!enterContainer()) {
-        failed_ = true;
-        return Value();
-    }
-    const size_t mark = members_.size();
-    auto failHere = [&](uint64_t code, const char* description) {
-        return failInDictionary(mark, code, description, nullptr);
-    };
-    while (c_ < end_) {
-        skipWhitespace();
-        if (c_ < end_ && *c_ == '}') {
-            ++c_;
-            leaveContainer();
-            return finishDictionary(mark);
-        }
-        if (c_ == end_ || *c_ != '"') return failHere(kQRLJsonErrorSyntax, "Object key string expected");
-        ++c_;
-        // The key is read in place; nested objects may move members_ while
-        // the value is read, so the value goes in by position afterwards.
-        const size_t slot = members_.size();
-        members_.emplace_back();
-        if (!scanRestOfString(members_[slot].first)) return failHere(kQRLJsonErrorSyntax, "Object key string expected");
-        skipWhitespace();
-        if (c_ == end_ || *c_ != ':') return failHere(kQRLJsonErrorSyntax, "Expected ':' separating key and value");
-        ++c_;
-        Value value = scanValue();
-        if (failed_) return failInDictionary(mark, kQRLJsonErrorSyntax, "Object value expected for key: ", &members_[slot].first);
-        members_[slot].second = std::move(value);
-        skipWhitespace();
-        if (c_ < end_ && *c_ == ',') {
-            ++c_;
-            skipWhitespace();
-            if (c_ < end_ && *c_ == '}') return failHere(kQRLJsonErrorTrailingComma, "Trailing comma disallowed in object");
-        }
-    }
-    return failHere(kQRLJsonErrorEndOfInput, "End of input while parsing object");
+void QRLJsonParser::noteSize(bool dictionary, size_t size) {
+    const size_t depth = frames_.size() - 1;
+    if (depth >= expectedSizes_.size()) expectedSizes_.resize(depth + 1);
+    const auto guess = static_cast<uint32_t>(std::min<size_t>(size, kLargestGuess));
+    if (dictionary) expectedSizes_[depth].dictionary = guess;
+    else expectedSizes_[depth].array = guess;
 }
 
 // Called with the cursor just past the opening quote. The text is known to
 // be valid UTF-8, so plain runs are copied as they stand.
 bool QRLJsonParser::scanRestOfString(std::string& out) {
-    const char* span = jsontext::findStringSpecial(c_, end_);
-    if (span != c_ && span < end_ && *span == '"') {
-        out.assign(c_, span);
-        c_ = span + 1;
-        return true;
-    }
     out.clear();
     for (;;) {
-        span = jsontext::findStringSpecial(c_, end_);
+        const char* const span = jsontext::findStringSpecial(c_, end_);
         out.append(c_, span);
         c_ = span;
         if (c_ == end_) break;
@@ -404,52 +540,69 @@ bool QRLJsonParser::scanUnicodeChar(uint16_t& out) {
     return true;
 }
 
-// The integer part is accumulated while it is scanned, in unsigned 64-bit
-// arithmetic, which is exact for up to 19 digits; the overflow test of the
-// 64-bit signed value is then one comparison, and longer runs always
-// overflow.
+// The digits of the integer and fraction parts are accumulated while they
+// are scanned, in unsigned 64-bit arithmetic, which is exact for up to 19
+// digits: an integer is then range-checked with one comparison, and a real
+// of up to 19 digits goes to Decimal without being read a second time.
+// Longer runs are handed to Decimal::parse whole.
 Value QRLJsonParser::scanNumber() {
     const char* const start = c_;
-    bool negative = false;
-    bool simple = true;
-    if (c_ < end_ && *c_ == '-') {
-        negative = true;
-        ++c_;
-    }
-    const char* const digits = c_;
-    uint64_t magnitude = 0;
-    if (c_ < end_ && *c_ == '0') {
-        ++c_;
-        if (c_ < end_ && isDigit(*c_)) return fail(kQRLJsonErrorBadNumber, "Leading 0 disallowed in number");
+    const char* p = c_;
+    const bool negative = *p == '-';  // the caller saw '-' or a digit here
+    if (negative) ++p;
+    const char* const digits = p;
+    uint64_t significand = 0;
+    if (p < end_ && *p == '0') {
+        ++p;
+        if (p < end_ && isDigit(*p)) return failNumber(p, "Leading 0 disallowed in number");
     } else {
-        if (negative && (c_ == end_ || !isDigit(*c_))) {
-            return fail(kQRLJsonErrorBadNumber, "No digits after initial minus");
-        }
-        while (c_ < end_ && isDigit(*c_)) magnitude = magnitude * 10 + static_cast<uint64_t>(*c_++ - '0');
+        if (p == end_ || !isDigit(*p)) return failNumber(p, "No digits after initial minus");
+        p = accumulateDigits(p, end_, significand);
     }
-    const size_t count = static_cast<size_t>(c_ - digits);
-    if (c_ < end_ && *c_ == '.') {
-        ++c_;
-        if (c_ == end_ || !isDigit(*c_)) return fail(kQRLJsonErrorBadNumber, "No digits after decimal point");
-        while (c_ < end_ && isDigit(*c_)) ++c_;
-        simple = false;
-    }
-    if (c_ < end_ && (*c_ == 'e' || *c_ == 'E')) {
-        ++c_;
-        if (c_ < end_ && (*c_ == '+' || *c_ == '-')) ++c_;
-        if (c_ == end_ || !isDigit(*c_)) return fail(kQRLJsonErrorBadNumber, "No digits after exponent");
-        while (c_ < end_ && isDigit(*c_)) ++c_;
-        simple = false;
-    }
+    const auto integerDigits = static_cast<size_t>(p - digits);
 
     constexpr auto kMax = static_cast<uint64_t>(std::numeric_limits<int64_t>::max());
-    if (simple && count <= 19 && magnitude <= kMax) {
-        const auto value = static_cast<int64_t>(magnitude);
-        return Value(negative ? -value : value);
+    if (p == end_ || (*p != '.' && *p != 'e' && *p != 'E')) {
+        if (integerDigits <= 19 && significand <= kMax) {
+            c_ = p;
+            const auto value = static_cast<int64_t>(significand);
+            return Value(negative ? -value : value);
+        }
     }
-    auto decimal = Decimal::parse(std::string_view(start, static_cast<size_t>(c_ - start)));
+    size_t fractionDigits = 0;
+    if (p < end_ && *p == '.') {
+        ++p;
+        if (p == end_ || !isDigit(*p)) return failNumber(p, "No digits after decimal point");
+        const char* const fraction = p;
+        p = accumulateDigits(p, end_, significand);
+        fractionDigits = static_cast<size_t>(p - fraction);
+    }
+    int64_t exponent = 0;
+    if (p < end_ && (*p == 'e' || *p == 'E')) {
+        ++p;
+        bool exponentNegative = false;
+        if (p < end_ && (*p == '+' || *p == '-')) exponentNegative = *p++ == '-';
+        if (p == end_ || !isDigit(*p)) return failNumber(p, "No digits after exponent");
+        while (p < end_ && isDigit(*p)) {
+            // Saturates far beyond any exponent a decimal can reach.
+            if (exponent < 1'000'000'000'000LL) exponent = exponent * 10 + (*p - '0');
+            ++p;
+        }
+        if (exponentNegative) exponent = -exponent;
+    }
+    c_ = p;
+
+    const std::optional<Decimal> decimal =
+        integerDigits + fractionDigits <= 19
+            ? Decimal::fromParts(significand, exponent - static_cast<int64_t>(fractionDigits), negative)
+            : Decimal::parse(std::string_view(start, static_cast<size_t>(p - start)));
     if (!decimal) return fail(kQRLJsonErrorBadNumber, "Failed creating decimal instance");
     return Value(*decimal);
+}
+
+Value QRLJsonParser::failNumber(const char* at, const char* description) {
+    c_ = at;
+    return fail(kQRLJsonErrorBadNumber, description);
 }
 
 }  // namespace qrl

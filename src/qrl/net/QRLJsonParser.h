@@ -32,29 +32,32 @@ private:
     Value parse(const char* text, size_t length, bool present);
     void releaseScratch();
 
+    // The document's value; upon failure the trace is filled, failed_ set
+    // and null answered.
+    Value scanDocument();
     // Each scan answers the value read; upon failure it adds to the trace,
     // sets failed_ and answers null.
-    Value scanValue();
+    Value scanScalar();
     Value scanStringValue();
     Value scanRestOfTrue();
     Value scanRestOfFalse();
     Value scanRestOfNull();
-    Value scanRestOfArray();
-    Value scanRestOfDictionary();
-    // The container from the top of elements_ or members_, past mark.
-    [[gnu::noinline]] Value finishArray(size_t mark);
-    [[gnu::noinline]] Value finishDictionary(size_t mark);
+    // The innermost container, complete; its frame closes.
+    [[gnu::noinline]] Value finishArray();
+    [[gnu::noinline]] Value finishDictionary();
+    size_t expectedSize(bool dictionary) const;  // of a container opening at the present depth
+    void noteSize(bool dictionary, size_t size);  // of the container closing at the present depth
     bool scanRestOfString(std::string& out);
     bool scanUnicodeChar(uint16_t& out);
     bool scanHexQuad(uint16_t& out);
     Value scanNumber();
-    // Failures add to the trace, set failed_ and answer null; those inside a
-    // container also drop what it had collected. Kept out of line so that
-    // the frames of the recursive scans stay small.
+    // A malformed number, the cursor left where the scan stopped.
+    [[gnu::noinline, gnu::cold]] Value failNumber(const char* at, const char* description);
+    // Failures add to the trace, set failed_ and answer null; the open
+    // containers add theirs and drop what they had collected.
     [[gnu::noinline, gnu::cold]] Value fail(uint64_t code, std::string description);
-    [[gnu::noinline, gnu::cold]] Value failInArray(size_t mark, uint64_t code, const char* description);
-    [[gnu::noinline, gnu::cold]] Value failInDictionary(size_t mark, uint64_t code, const char* description,
-                                                        const std::string* key);
+    [[gnu::noinline, gnu::cold]] Value failInValue();
+    [[gnu::noinline, gnu::cold]] Value failInContainer(uint64_t code, const char* description);
     bool scanIsAtEnd();
     void skipWhitespace();
     bool scanLiteralRest(std::string_view rest);
@@ -62,11 +65,25 @@ private:
     const char* c_ = nullptr;    // read cursor
     const char* end_ = nullptr;  // end of the text
     bool failed_ = false;
-    // Elements of the arrays and members of the objects being read,
-    // innermost last; each container takes its own from the top when it
-    // closes, so that it is made once at its final size.
-    std::vector<Value> elements_;
-    std::vector<std::pair<std::string, Value>> members_;
+    // The open containers, innermost last, each built in place: an array
+    // held by the innermost of arrays_ (array points into it), an object by
+    // the innermost of objects_ (member is the value of its last key,
+    // awaited).
+    struct Frame {
+        Array* array;
+        Value* member;
+        bool dictionary;
+    };
+    std::vector<Frame> frames_;
+    std::vector<Value> arrays_;
+    std::vector<DictionaryBuilder> objects_;
+    // By depth, the sizes of the last array and object that closed there.
+    struct Sizes {
+        uint32_t array = 0;
+        uint32_t dictionary = 0;
+    };
+    std::vector<Sizes> expectedSizes_;
+    static constexpr size_t kLargestGuess = 1u << 20;
 };
 
 }  // namespace qrl

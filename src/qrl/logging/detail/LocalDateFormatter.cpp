@@ -3,8 +3,10 @@
 #include <time.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdint>
 #include <limits>
+#include <utility>
 
 namespace qrl::detail {
 
@@ -12,21 +14,22 @@ namespace {
 
 constexpr int64_t kNanosPerSecond = 1'000'000'000;
 
-struct LocalSecond {
+std::atomic<uint64_t> gNextFormatterID{1};
+
+// The last second this thread rendered, per formatter: the whole text with
+// zeros where the fractions go, and where they go.
+struct RenderedSecond {
+    uint64_t formatter = 0;
     int64_t second = std::numeric_limits<int64_t>::min();
-    tm fields{};
+    std::string text;
+    std::vector<std::pair<size_t, int>> fractions;  // offset, width
 };
 
-const tm& localFields(int64_t second) {
-    thread_local LocalSecond cache;
-    if (cache.second != second) {
-        const time_t t = static_cast<time_t>(second);
-        tm fields{};
-        if (localtime_r(&t, &fields) == nullptr) fields = tm{};
-        cache.fields = fields;
-        cache.second = second;
-    }
-    return cache.fields;
+tm localFields(int64_t second) {
+    const time_t t = static_cast<time_t>(second);
+    tm fields{};
+    if (localtime_r(&t, &fields) == nullptr) fields = tm{};
+    return fields;
 }
 
 // Writes `value` padded with zeros to `width` digits at `p`; answers the end.
@@ -51,7 +54,8 @@ bool isPatternLetter(char c) {
 
 }  // namespace
 
-LocalDateFormatter::LocalDateFormatter(std::string_view pattern) {
+LocalDateFormatter::LocalDateFormatter(std::string_view pattern)
+    : id_(gNextFormatterID.fetch_add(1, std::memory_order_relaxed)) {
     auto literal = [this](char c) {
         if (fields_.empty() || fields_.back().kind != Kind::Literal) fields_.push_back({Kind::Literal, 0, {}});
         fields_.back().literal += c;
@@ -111,20 +115,13 @@ LocalDateFormatter::LocalDateFormatter(std::string_view pattern) {
     }
 }
 
-void LocalDateFormatter::append(std::string& out, Date date) const {
-    // Floor division, so that instants before 1970 keep a positive fraction.
-    int64_t second = date.nanosecondsSinceEpoch / kNanosPerSecond;
-    int64_t nanos = date.nanosecondsSinceEpoch % kNanosPerSecond;
-    if (nanos < 0) {
-        nanos += kNanosPerSecond;
-        --second;
-    }
-    const tm& t = localFields(second);
-    // Written in place: the text is at most maxLength_ long.
-    const size_t start = out.size();
-    out.resize(start + maxLength_);
-    char* const begin = out.data() + start;
+void LocalDateFormatter::render(std::string& out, std::vector<std::pair<size_t, int>>& fractions,
+                                int64_t second) const {
+    const tm t = localFields(second);
+    out.assign(maxLength_, '\0');
+    char* const begin = out.data();
     char* p = begin;
+    fractions.clear();
     for (const Field& f : fields_) {
         switch (f.kind) {
             case Kind::Literal: p = std::copy(f.literal.begin(), f.literal.end(), p); break;
@@ -139,21 +136,54 @@ void LocalDateFormatter::append(std::string& out, Date date) const {
             case Kind::Hour: p = writePadded(p, t.tm_hour, f.width); break;
             case Kind::Minute: p = writePadded(p, t.tm_min, f.width); break;
             case Kind::Second: p = writePadded(p, t.tm_sec, f.width); break;
-            case Kind::Fraction: {
-                // The first `width` digits of the nine, cut; more than nine pad with zeros.
-                int64_t scaled = nanos;
-                int digits = 9;
-                while (digits > f.width) {
-                    scaled /= 10;
-                    --digits;
-                }
-                p = writePadded(p, scaled, digits);
-                for (int k = digits; k < f.width; ++k) *p++ = '0';
+            case Kind::Fraction:
+                fractions.emplace_back(static_cast<size_t>(p - begin), f.width);
+                p = std::fill_n(p, f.width, '0');
                 break;
-            }
         }
     }
-    out.resize(start + static_cast<size_t>(p - begin));
+    out.resize(static_cast<size_t>(p - begin));
+}
+
+void LocalDateFormatter::append(std::string& out, Date date) const {
+    // Floor division, so that instants before 1970 keep a positive fraction.
+    int64_t second = date.nanosecondsSinceEpoch / kNanosPerSecond;
+    int64_t nanos = date.nanosecondsSinceEpoch % kNanosPerSecond;
+    if (nanos < 0) {
+        nanos += kNanosPerSecond;
+        --second;
+    }
+    // A few formatters per thread: loggers delivered on one thread each have their own.
+    struct Caches {
+        RenderedSecond entries[4];
+        unsigned next = 0;
+    };
+    thread_local Caches caches;
+    RenderedSecond* found = nullptr;
+    for (RenderedSecond& entry : caches.entries)
+        if (entry.formatter == id_) found = &entry;
+    if (!found) {
+        found = &caches.entries[caches.next++ % 4];
+        found->formatter = id_;
+        found->second = std::numeric_limits<int64_t>::min();
+    }
+    RenderedSecond& cache = *found;
+    if (cache.second != second) {
+        render(cache.text, cache.fractions, second);
+        cache.second = second;
+    }
+    const size_t start = out.size();
+    out += cache.text;
+    for (const auto& [offset, width] : cache.fractions) {
+        // The first `width` digits of the nine, cut; beyond nine they stay zeros.
+        int64_t scaled = nanos;
+        for (int digits = 9; digits > width; --digits) scaled /= 10;
+        char* digit = out.data() + start + offset + std::min(width, 9);
+        for (int k = std::min(width, 9); k > 0; --k) {
+            *--digit = static_cast<char>('0' + scaled % 10);
+            scaled /= 10;
+        }
+    }
 }
 
 std::string LocalDateFormatter::format(Date date) const {

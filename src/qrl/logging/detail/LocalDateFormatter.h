@@ -2,8 +2,10 @@
 // ("yyyy-MM-dd HH:mm:ss.SSS"), fast enough to run once per log line.
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "qrl/foundation/Value.h"
@@ -16,8 +18,8 @@ namespace qrl::detail {
 // zeros to the run's length. Text between single quotes, and every other
 // character, is written as it stands ("''" is a quote).
 //
-// The broken-down local time of the last second is cached per thread, so
-// most calls do no time-zone work. Thread-safe.
+// The text of the last second is cached per thread, so most calls copy it
+// and write the fraction's digits. Thread-safe.
 class LocalDateFormatter {
 public:
     explicit LocalDateFormatter(std::string_view pattern);
@@ -32,6 +34,10 @@ private:
         int width;
         std::string literal;
     };
+    // Renders the whole second with zeros for the fractions, noting where they are.
+    void render(std::string& out, std::vector<std::pair<size_t, int>>& fractions, int64_t second) const;
+
+    uint64_t id_;  // tells this formatter's cached text from another's
     std::vector<Field> fields_;
     size_t maxLength_ = 0;
 };
