@@ -1,0 +1,283 @@
+#include "qrl/logging/QRLLogFileInfo.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/xattr.h>
+
+#include <cerrno>
+#include <string>
+
+#include "logging/QRLLogFileTestSupport.h"
+#include "qrl/logging/QRLLogFileManagerDefault.h"
+#include "qrl/logging/detail/LogFileSidecarAttributes.h"
+#include "qrl/logging/detail/LogFileSystem.h"
+#include "qrl/logging/detail/LogFileXattrAttributes.h"
+
+namespace qrl {
+namespace {
+
+using test::PlatformLogCapture;
+using test::ScopedLogFileAttributes;
+using test::TempFolder;
+
+const std::string kMark(QRLLogFileInfo::kArchivedAttributeName);
+
+// The real port on a file system that refuses every user attribute.
+class NoUserAttributes : public detail::LogFileXattrAttributes {
+protected:
+    int systemGet(const std::string&, const std::string&) override { return EOPNOTSUPP; }
+    int systemSet(const std::string&, const std::string&) override { return ENOTSUP; }
+    int systemRemove(const std::string&, const std::string&) override { return EOPNOTSUPP; }
+};
+
+TEST(QRLLogFileInfo, ReadsTheFileOnceAndKeepsItUntilReset) {
+    TempFolder folder;
+    ASSERT_TRUE(folder.ok());
+    const std::string path = folder / "log-ABCDEF.txt";
+    ASSERT_TRUE(test::writeFile(path, "0123456789"));
+
+    auto info = QRLLogFileInfo::logFileWithPath(path);
+    EXPECT_EQ(info->filePath(), path);
+    EXPECT_EQ(info->fileName(), "log-ABCDEF.txt");
+    EXPECT_EQ(info->fileSize(), 10u);
+    ASSERT_TRUE(info->creationDate() && info->modificationDate());
+    EXPECT_LE(info->creationDate()->nanosecondsSinceEpoch, info->modificationDate()->nanosecondsSinceEpoch);
+    EXPECT_GE(info->age(), 0.0);
+    EXPECT_LT(info->age(), 600.0);
+
+    const Value attributes = info->fileAttributes();
+    EXPECT_EQ(attributes["NSFileType"], Value("NSFileTypeRegular"));
+    EXPECT_EQ(attributes["NSFileSize"], Value(10));
+    EXPECT_EQ(attributes["NSFileCreationDate"], Value(*info->creationDate()));
+    // The map handed out is a copy.
+    attributes.asDictionary()->set("NSFileSize", Value(99));
+    EXPECT_EQ(info->fileAttributes()["NSFileSize"], Value(10));
+
+    // Cached until reset.
+    ASSERT_TRUE(test::writeFile(path, "0123456789abcdef"));
+    EXPECT_EQ(info->fileSize(), 10u);
+    info->reset();
+    EXPECT_EQ(info->fileSize(), 16u);
+
+    // A file that is not there.
+    auto missing = QRLLogFileInfo::logFileWithPath(folder / "log-000000.txt");
+    EXPECT_EQ(missing->fileSize(), 0u);
+    EXPECT_FALSE(missing->creationDate());
+    EXPECT_EQ(missing->age(), 0.0);
+    EXPECT_FALSE(missing->isArchived());
+    EXPECT_TRUE(missing->fileAttributes().asDictionary()->empty());
+    EXPECT_NE(missing->description().find("creationDate = <null>;"), std::string::npos) << missing->description();
+}
+
+TEST(QRLLogFileInfo, CreationDateIsTheBirthTimeElseTheModificationTime) {
+    struct statx status {};
+    status.stx_mtime = {1'000'000'000, 5, 0};
+    status.stx_btime = {900'000'000, 7, 0};
+    status.stx_mask = STATX_BASIC_STATS;
+    EXPECT_EQ(detail::creationDateFromStatx(status).nanosecondsSinceEpoch, 1'000'000'000'000'000'005);
+    status.stx_mask |= STATX_BTIME;
+    EXPECT_EQ(detail::creationDateFromStatx(status).nanosecondsSinceEpoch, 900'000'000'000'000'007);
+
+    // On this file system: a modification time set far back moves the
+    // creation date only where there is no birth time.
+    TempFolder folder;
+    ASSERT_TRUE(folder.ok());
+    const std::string path = folder / "log-ABCDEF.txt";
+    ASSERT_TRUE(test::writeFile(path, "x"));
+    const timespec times[2] = {{978'307'200, 0}, {978'307'200, 0}};  // 2001-01-01
+    ASSERT_EQ(::utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
+    const auto real = detail::statLogFile(path);
+    ASSERT_TRUE(real);
+    const auto info = QRLLogFileInfo::logFileWithPath(path);
+    EXPECT_EQ(info->modificationDate()->nanosecondsSinceEpoch, 978'307'200'000'000'000);
+    if (real->birthTimeKnown) {
+        EXPECT_GT(info->creationDate()->nanosecondsSinceEpoch, 978'307'200'000'000'000);
+        EXPECT_LT(info->age(), 600.0);
+    } else {
+        EXPECT_EQ(info->creationDate(), info->modificationDate());
+        EXPECT_GT(info->age(), 20.0 * 365 * 86400);
+    }
+}
+
+TEST(QRLLogFileInfo, ArchiveMarkIsAUserAttributeThatGetfattrReads) {
+    TempFolder folder;
+    ASSERT_TRUE(folder.ok());
+    const std::string path = folder / "log-ABCDEF.txt";
+    ASSERT_TRUE(test::writeFile(path, "x"));
+    auto info = QRLLogFileInfo::logFileWithPath(path);
+    if (::setxattr(path.c_str(), "user.qrl.probe", "", 0, 0) != 0)
+        GTEST_SKIP() << "the temporary folder's file system refuses user attributes (errno " << errno << ")";
+    ::removexattr(path.c_str(), "user.qrl.probe");
+
+    PlatformLogCapture log;
+    EXPECT_FALSE(info->isArchived());
+    info->setIsArchived(true);
+    EXPECT_TRUE(info->isArchived());
+    EXPECT_TRUE(test::hasRealAttribute(path, "user.qrl.log.archived"));
+    EXPECT_FALSE(test::exists(detail::LogFileSidecarAttributes::markFolder(path)));
+    // A name without a namespace is a user attribute.
+    EXPECT_TRUE(info->hasExtendedAttributeWithName("qrl.log.archived"));
+    EXPECT_EQ(QRLLogFileInfo::qualifiedAttributeName("qrl.log.archived"), "user.qrl.log.archived");
+    EXPECT_EQ(QRLLogFileInfo::qualifiedAttributeName("trusted.x"), "trusted.x");
+
+    if (::access("/usr/bin/getfattr", X_OK) == 0) {
+        const auto shown = test::runCommand("/usr/bin/getfattr --absolute-names -n user.qrl.log.archived " +
+                                            test::shellQuoted(path) + " 2>/dev/null");
+        EXPECT_EQ(shown.status, 0);
+        EXPECT_NE(shown.output.find("user.qrl.log.archived=\"\""), std::string::npos) << shown.output;
+    }
+
+    info->setIsArchived(false);
+    EXPECT_FALSE(info->isArchived());
+    EXPECT_FALSE(test::hasRealAttribute(path, "user.qrl.log.archived"));
+    info->setIsArchived(false);  // absent: no failure
+    EXPECT_TRUE(log.lines().empty());
+
+    if (::access("/usr/bin/getfattr", X_OK) != 0)
+        GTEST_SKIP() << "/usr/bin/getfattr is missing (package attr): the mark was checked through getxattr only";
+    const auto gone = test::runCommand("/usr/bin/getfattr --absolute-names -n user.qrl.log.archived " +
+                                       test::shellQuoted(path) + " 2>/dev/null");
+    EXPECT_NE(gone.status, 0);
+}
+
+// Each way a mark can be kept: the sidecar form installed outright, and the
+// real form on a file system that refuses user attributes.
+class FallbackMark : public ::testing::TestWithParam<bool> {
+protected:
+    std::shared_ptr<detail::LogFileAttributes> port() const {
+        if (GetParam()) return std::make_shared<detail::LogFileSidecarAttributes>();
+        return std::make_shared<NoUserAttributes>();
+    }
+};
+
+TEST_P(FallbackMark, ReadsBackAsTheAttributeWouldAndTravelsWithTheFile) {
+    TempFolder folder;
+    ASSERT_TRUE(folder.ok());
+    ScopedLogFileAttributes scoped(port());
+    PlatformLogCapture log;
+    const std::string path = folder / "log-ABCDEF.txt";
+    ASSERT_TRUE(test::writeFile(path, "x"));
+    auto info = QRLLogFileInfo::logFileWithPath(path);
+
+    EXPECT_FALSE(info->isArchived());
+    info->setIsArchived(true);
+    info->setIsArchived(true);  // again: no failure
+    EXPECT_TRUE(info->isArchived());
+    EXPECT_TRUE(info->hasExtendedAttributeWithName("qrl.log.archived"));
+    EXPECT_FALSE(info->hasExtendedAttributeWithName("qrl.other"));
+    EXPECT_FALSE(test::hasRealAttribute(path, "user.qrl.log.archived"));
+    const std::string mark = folder / ".log-ABCDEF.txt.xattr/qrl.log.archived";
+    EXPECT_EQ(detail::LogFileSidecarAttributes::markFile(path, "user.qrl.log.archived"), mark);
+    EXPECT_TRUE(test::exists(mark));
+
+    // The mark is no log file of its own.
+    auto manager = std::make_shared<QRLLogFileManagerDefault>(folder.path());
+    EXPECT_EQ(manager->unsortedLogFileNames(), std::vector<std::string>{"log-ABCDEF.txt"});
+
+    // A rename takes the mark along; a file made later under the old name
+    // starts unmarked.
+    info->renameFile("log-123456.txt");
+    EXPECT_EQ(info->fileName(), "log-123456.txt");
+    EXPECT_TRUE(info->isArchived());
+    EXPECT_FALSE(test::exists(mark));
+    ASSERT_TRUE(test::writeFile(path, "y"));
+    EXPECT_FALSE(QRLLogFileInfo::logFileWithPath(path)->isArchived());
+
+    info->setIsArchived(false);
+    EXPECT_FALSE(info->isArchived());
+    EXPECT_FALSE(test::exists(folder / ".log-123456.txt.xattr"));
+    info->setIsArchived(false);  // absent: no failure
+    EXPECT_TRUE(log.lines().empty());
+
+    // Failures read as they do with attributes.
+    auto missing = QRLLogFileInfo::logFileWithPath(folder / "log-FFFFFF.txt");
+    missing->setIsArchived(true);
+    EXPECT_FALSE(missing->isArchived());
+    missing->removeExtendedAttributeWithName("qrl.log.archived");
+    EXPECT_EQ(log.lines(), (std::vector<std::string>{
+                               "QRLLogFileInfo: setxattr(user.qrl.log.archived, log-FFFFFF.txt): error = 2",
+                               "QRLLogFileInfo: removexattr(user.qrl.log.archived, log-FFFFFF.txt): error = 2",
+                           }));
+}
+
+INSTANTIATE_TEST_SUITE_P(Forms, FallbackMark, ::testing::Values(true, false),
+                         [](const auto& param) { return param.param ? "Sidecar" : "RefusedUserAttributes"; });
+
+TEST(QRLLogFileInfo, MarksOnARealTmpfs) {
+    TempFolder folder("/dev/shm");
+    if (!folder.ok()) GTEST_SKIP() << "no /dev/shm to make a folder in";
+    const std::string path = folder / "log-ABCDEF.txt";
+    ASSERT_TRUE(test::writeFile(path, "x"));
+    const bool refuses = ::setxattr(path.c_str(), "user.qrl.probe", "", 0, 0) != 0 &&
+                         (errno == ENOTSUP || errno == EOPNOTSUPP);
+    ::removexattr(path.c_str(), "user.qrl.probe");
+
+    PlatformLogCapture log;
+    auto info = QRLLogFileInfo::logFileWithPath(path);
+    info->setIsArchived(true);
+    EXPECT_TRUE(info->isArchived());
+    // Where tmpfs takes user attributes the mark is one; where it refuses
+    // them the mark is kept beside the file.
+    EXPECT_EQ(test::hasRealAttribute(path, kMark), !refuses);
+    EXPECT_EQ(test::exists(detail::LogFileSidecarAttributes::markFile(path, kMark)), refuses);
+    info->setIsArchived(false);
+    EXPECT_FALSE(info->isArchived());
+    EXPECT_TRUE(log.lines().empty());
+}
+
+TEST(QRLLogFileInfo, RenameFailureIsLoggedAndThePathTakenAllTheSame) {
+    TempFolder folder;
+    ASSERT_TRUE(folder.ok());
+    PlatformLogCapture log;
+    const std::string path = folder / "log-ABCDEF.txt";
+    ASSERT_TRUE(test::writeFile(path, "0123"));
+    auto info = QRLLogFileInfo::logFileWithPath(path);
+    EXPECT_EQ(info->fileSize(), 4u);
+
+    info->renameFile("log-ABCDEF.txt");  // the same name: nothing
+    EXPECT_TRUE(log.lines().empty());
+
+    // A folder of that name is in the way.
+    ASSERT_EQ(::mkdir((folder / "log-111111.txt").c_str(), 0755), 0);
+    ASSERT_EQ(::mkdir((folder / "log-111111.txt/inside").c_str(), 0755), 0);
+    info->renameFile("log-111111.txt");
+    ASSERT_EQ(log.lines().size(), 1u);
+    EXPECT_TRUE(log.lines()[0].starts_with("QRLLogFileInfo: Error renaming file (log-ABCDEF.txt): Error "
+                                           "Domain=NSPOSIXErrorDomain Code=21 \"Is a directory\""))
+        << log.lines()[0];
+    EXPECT_EQ(info->filePath(), folder / "log-111111.txt");
+    EXPECT_EQ(info->fileName(), "log-111111.txt");
+    EXPECT_TRUE(test::exists(path));
+    // The caches went with the old path: the folder's status now.
+    EXPECT_EQ(info->fileAttributes()["NSFileType"], Value("NSFileTypeDirectory"));
+}
+
+TEST(QRLLogFileInfo, EqualityOrderAndDescription) {
+    TempFolder folder;
+    ASSERT_TRUE(folder.ok());
+    const std::string older = folder / "log-AAAAAA.txt";
+    ASSERT_TRUE(test::writeFile(older, "a"));
+    ASSERT_TRUE(test::writeFile(folder / "log-BBBBBB.txt", "b"));
+    const timespec past[2] = {{978'307'200, 0}, {978'307'200, 0}};
+    ASSERT_EQ(::utimensat(AT_FDCWD, older.c_str(), past, 0), 0);
+    auto a = QRLLogFileInfo::logFileWithPath(older);
+    auto b = QRLLogFileInfo::logFileWithPath(folder / "log-BBBBBB.txt");
+    auto none = QRLLogFileInfo::logFileWithPath(folder / "log-CCCCCC.txt");
+
+    EXPECT_TRUE(a->isEqual(*QRLLogFileInfo::logFileWithPath(older)));
+    EXPECT_FALSE(a->isEqual(*b));
+    // Newest first; a file without dates last.
+    EXPECT_EQ(b->reverseCompareByModificationDate(*a), std::weak_ordering::less);
+    EXPECT_EQ(a->reverseCompareByModificationDate(*b), std::weak_ordering::greater);
+    EXPECT_EQ(none->reverseCompareByCreationDate(*b), std::weak_ordering::greater);
+
+    b->setIsArchived(true);
+    const std::string text = b->description();
+    for (const char* entry : {"filePath = ", "fileAttributes = ", "creationDate = ", "modificationDate = ", "age = ",
+                              "fileName = \"log-BBBBBB.txt\";", "isArchived = 1;", "fileSize = 1;"})
+        EXPECT_NE(text.find(entry), std::string::npos) << entry << " in " << text;
+}
+
+}  // namespace
+}  // namespace qrl

@@ -1,0 +1,248 @@
+#include "qrl/logging/QRLLogFileManagerDefault.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <deque>
+#include <set>
+#include <string>
+
+#include "logging/QRLLogFileTestSupport.h"
+#include "qrl/logging/QRLLog.h"
+#include "qrl/logging/QRLLogFileInfo.h"
+#include "qrl/logging/detail/LogFileSidecarAttributes.h"
+#include "qrl/system/Identification.h"
+
+namespace qrl {
+namespace {
+
+using test::PlatformLogCapture;
+using test::TempFolder;
+
+// A manager whose names come from a script, then from the real generator.
+class ScriptedNames : public QRLLogFileManagerDefault {
+public:
+    using QRLLogFileManagerDefault::QRLLogFileManagerDefault;
+    std::deque<std::string> script;
+    std::string repeat;  // when set, answered for ever once the script is spent
+    int calls = 0;
+
+    std::string generateShortUUID() override {
+        ++calls;
+        if (!script.empty()) {
+            std::string name = script.front();
+            script.pop_front();
+            return name;
+        }
+        return repeat.empty() ? QRLLogFileManagerDefault::generateShortUUID() : repeat;
+    }
+};
+
+// Archived log files named log-<hex>.txt, made one after another.
+std::vector<std::string> makeArchivedFiles(const TempFolder& folder, const std::vector<std::string>& hexNames) {
+    std::vector<std::string> paths;
+    for (const auto& hex : hexNames) {
+        const std::string path = folder / ("log-" + hex + ".txt");
+        test::writeFile(path, hex + "\n");
+        QRLLogFileInfo::logFileWithPath(path)->setIsArchived(true);
+        paths.push_back(path);
+    }
+    return paths;
+}
+
+size_t countArchived(QRLLogFileManagerDefault& manager) {
+    size_t n = 0;
+    for (const auto& info : manager.sortedLogFileInfos()) n += info->isArchived() ? 1 : 0;
+    return n;
+}
+
+TEST(QRLLogFileManagerDefault, TellsLogFilesByName) {
+    QRLLogFileManagerDefault manager(std::string("/nonexistent"));
+    struct Case {
+        const char* name;
+        bool isLog;
+    };
+    const Case cases[] = {
+        {"log-ABCDEF.txt", true},  {"log-abcdef.txt", false}, {"log-123.txt", false},
+        {"other.txt", false},      {"log-ABCDEF", true},      {"log-ABCDE", false},
+        {"log-0123456789.txt", true}, {"LOG-ABCDEF.txt", false}, {"log-ABCDEG.txt", false},
+        {"log_ABCDEF.txt", false}, {"", false},               {"log-ABC DEF.txt", false},
+    };
+    for (const auto& c : cases) EXPECT_EQ(manager.isLogFile(c.name), c.isLog) << c.name;
+
+    // Listing: regular files with log names only.
+    TempFolder folder;
+    ASSERT_TRUE(folder.ok());
+    test::writeFile(folder / "log-ABCDEF.txt", "");
+    test::writeFile(folder / "log-abcdef.txt", "");
+    test::writeFile(folder / "other.txt", "");
+    ASSERT_EQ(::mkdir((folder / "log-012345.txt").c_str(), 0755), 0);
+    ASSERT_EQ(::symlink((folder / "log-ABCDEF.txt").c_str(), (folder / "log-FEDCBA.txt").c_str()), 0);
+    QRLLogFileManagerDefault listing(folder.path());
+    auto names = listing.unsortedLogFileNames();
+    std::sort(names.begin(), names.end());
+    EXPECT_EQ(names, (std::vector<std::string>{"log-ABCDEF.txt", "log-FEDCBA.txt"}));
+    auto paths = listing.unsortedLogFilePaths();
+    std::sort(paths.begin(), paths.end());
+    EXPECT_EQ(paths, (std::vector<std::string>{folder / "log-ABCDEF.txt", folder / "log-FEDCBA.txt"}));
+}
+
+TEST(QRLLogFileManagerDefault, ShortUUIDsAreSixUpperCaseHexCharacters) {
+    QRLLogFileManagerDefault manager(std::string("/nonexistent"));
+    std::set<std::string> seen;
+    for (int i = 0; i < 1000; ++i) {
+        const std::string id = manager.generateShortUUID();
+        ASSERT_EQ(id.size(), 6u);
+        ASSERT_EQ(id.find_first_not_of("0123456789ABCDEF"), std::string::npos) << id;
+        ASSERT_TRUE(manager.isLogFile("log-" + id + ".txt"));
+        seen.insert(id);
+    }
+    // 24 random bits: a thousand draws repeat rarely.
+    EXPECT_GE(seen.size(), 990u);
+}
+
+TEST(QRLLogFileManagerDefault, MakesTheFolderAndSaysWhenItCannot) {
+    TempFolder folder;
+    ASSERT_TRUE(folder.ok());
+    PlatformLogCapture log;
+    const std::string nested = folder / "a/b/Logs";
+    QRLLogFileManagerDefault manager(nested);
+    EXPECT_EQ(manager.logsDirectory(), nested);
+    struct stat s {};
+    ASSERT_EQ(::stat(nested.c_str(), &s), 0);
+    EXPECT_TRUE(S_ISDIR(s.st_mode));
+    EXPECT_TRUE(log.lines().empty());
+
+    // A file stands where a folder should be.
+    test::writeFile(folder / "blocked", "");
+    QRLLogFileManagerDefault blocked(folder / "blocked/Logs");
+    EXPECT_TRUE(blocked.unsortedLogFileNames().empty());
+    ASSERT_FALSE(log.lines().empty());
+    EXPECT_TRUE(log.lines()[0].starts_with(
+        "QRLFileLogManagerDefault: Error creating logsDirectory: Error Domain=NSPOSIXErrorDomain Code=20"))
+        << log.lines()[0];
+
+    // No file can be made there: said once, however often it is tried.
+    log.clear();
+    EXPECT_FALSE(blocked.createNewLogFile());
+    EXPECT_FALSE(blocked.createNewLogFile());
+    EXPECT_EQ(log.countContaining("QRLLogFileManagerDefault: Error creating log file: "), 1u);
+    EXPECT_EQ(log.countContaining("Error creating logsDirectory"), 0u);
+}
+
+TEST(QRLLogFileManagerDefault, DefaultFolderIsLogsInTheApplicationSupportFolder) {
+    TempFolder folder;
+    ASSERT_TRUE(folder.ok());
+    const char* previous = std::getenv("XDG_DATA_HOME");
+    const std::string saved = previous ? previous : "";
+    ::setenv("XDG_DATA_HOME", folder.path().c_str(), 1);
+    QRLLogFileManagerDefault manager;
+    const std::string name = appNameByBundle().empty() ? program_invocation_short_name : appNameByBundle();
+    EXPECT_EQ(manager.defaultLogsDirectory(), folder / (name + "/Logs"));
+    EXPECT_EQ(manager.logsDirectory(), folder / (name + "/Logs"));
+    if (previous) ::setenv("XDG_DATA_HOME", saved.c_str(), 1);
+    else ::unsetenv("XDG_DATA_HOME");
+}
+
+TEST(QRLLogFileManagerDefault, CollidingNamesAreDrawnAgain) {
+    TempFolder folder;
+    ASSERT_TRUE(folder.ok());
+    test::writeFile(folder / "log-AAAAAA.txt", "kept");
+    auto manager = std::make_shared<ScriptedNames>(folder.path());
+    manager->script = {"AAAAAA", "AAAAAA", "BBBBBB"};
+    EXPECT_EQ(manager->createNewLogFile(), folder / "log-BBBBBB.txt");
+    EXPECT_EQ(manager->calls, 3);
+    EXPECT_EQ(test::readFile(folder / "log-AAAAAA.txt"), "kept");
+    EXPECT_EQ(test::readFile(folder / "log-BBBBBB.txt"), "");
+
+    // A generator that never finds a free name gives up, and says so once.
+    PlatformLogCapture log;
+    manager->calls = 0;
+    manager->repeat = "AAAAAA";
+    EXPECT_FALSE(manager->createNewLogFile());
+    EXPECT_EQ(manager->calls, QRLLogFileManagerDefault::kMaximumNameAttempts);
+    EXPECT_FALSE(manager->createNewLogFile());
+    EXPECT_EQ(log.countContaining("QRLLogFileManagerDefault: Error creating log file: no free name in"), 1u);
+}
+
+TEST(QRLLogFileManagerDefault, NewFileKeepsTheNewestArchivedFilesAndDeletesTheOldest) {
+    TempFolder folder;
+    ASSERT_TRUE(folder.ok());
+    auto manager = std::make_shared<QRLLogFileManagerDefault>(folder.path());
+    EXPECT_EQ(manager->maximumNumberOfLogFiles(), 5u);
+    makeArchivedFiles(folder, {"000001", "000002", "000003", "000004", "000005", "000006"});
+    // Six archived: the manager's oldest is the last of its sorted list.
+    const auto before = manager->sortedLogFilePaths();
+    ASSERT_EQ(before.size(), 6u);
+    const std::string oldest = before.back();
+
+    const auto made = manager->createNewLogFile();
+    ASSERT_TRUE(made);
+    const auto after = manager->sortedLogFilePaths();
+    ASSERT_EQ(after.size(), 6u);
+    EXPECT_EQ(after.front(), *made);  // newest, and not archived
+    EXPECT_FALSE(QRLLogFileInfo::logFileWithPath(*made)->isArchived());
+    EXPECT_EQ(std::count(after.begin(), after.end(), oldest), 0);
+    EXPECT_FALSE(test::exists(oldest));
+    EXPECT_EQ(std::vector<std::string>(after.begin() + 1, after.end()),
+              std::vector<std::string>(before.begin(), before.end() - 1));
+    EXPECT_EQ(countArchived(*manager), 5u);
+
+    // The file in use is never counted nor deleted.
+    manager->deleteOldLogFiles();
+    EXPECT_EQ(manager->sortedLogFilePaths(), after);
+}
+
+TEST(QRLLogFileManagerDefault, ChangingTheMaximumPrunesOnTheLoggingQueue) {
+    TempFolder folder;
+    ASSERT_TRUE(folder.ok());
+    auto manager = std::make_shared<QRLLogFileManagerDefault>(folder.path());
+    makeArchivedFiles(folder, {"00000A", "00000B", "00000C", "00000D", "00000E", "00000F", "000010"});
+    const std::string inUse = folder / "log-FFFFFF.txt";
+    test::writeFile(inUse, "in use\n");
+
+    std::vector<std::pair<Value, Value>> seen;
+    const auto token = manager->addObserver(
+        "maximumNumberOfLogFiles",
+        [&](std::string_view, const KeyValueChange& change) { seen.emplace_back(*change.oldValue, *change.newValue); },
+        NSKeyValueObservingOptionNew | NSKeyValueObservingOptionOld);
+
+    manager->setMaximumNumberOfLogFiles(5);  // the same: nothing is pruned
+    QRLLog::flushLog();
+    EXPECT_EQ(countArchived(*manager), 7u);
+
+    manager->setMaximumNumberOfLogFiles(6);
+    QRLLog::flushLog();
+    EXPECT_EQ(countArchived(*manager), 6u);
+
+    manager->setMaximumNumberOfLogFiles(0);
+    QRLLog::flushLog();
+    EXPECT_EQ(manager->sortedLogFilePaths(), std::vector<std::string>{inUse});
+    EXPECT_EQ(test::readFile(inUse), "in use\n");
+    EXPECT_EQ(seen, (std::vector<std::pair<Value, Value>>{{5, 5}, {5, 6}, {6, 0}}));
+    manager->removeObserver(token);
+
+    // Only the file in use left, or nothing at all: nothing to do.
+    manager->deleteOldLogFiles();
+    EXPECT_TRUE(test::exists(inUse));
+    ::unlink(inUse.c_str());
+    manager->deleteOldLogFiles();
+}
+
+TEST(QRLLogFileManagerDefault, PruningTakesFallbackMarksWithTheFiles) {
+    TempFolder folder;
+    ASSERT_TRUE(folder.ok());
+    test::ScopedLogFileAttributes scoped(std::make_shared<detail::LogFileSidecarAttributes>());
+    auto manager = std::make_shared<QRLLogFileManagerDefault>(folder.path());
+    const auto paths = makeArchivedFiles(folder, {"0000A1", "0000A2"});
+    for (const auto& path : paths) ASSERT_TRUE(test::exists(detail::LogFileSidecarAttributes::markFolder(path)));
+    manager->setMaximumNumberOfLogFiles(0);
+    QRLLog::flushLog();
+    std::error_code error;
+    EXPECT_TRUE(std::filesystem::is_empty(folder.path(), error)) << "marks left behind";
+}
+
+}  // namespace
+}  // namespace qrl
