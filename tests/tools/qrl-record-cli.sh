@@ -7,6 +7,8 @@ set -u
 prog=$1
 work=$(mktemp -d)
 trap 'chmod -R u+w "$work"; rm -rf "$work"' EXIT
+# Preferences (the stored log options) and log files stay in the scratch folder.
+export XDG_CONFIG_HOME=$work/config XDG_DATA_HOME=$work/data
 fail() { echo "FAIL: $*" >&2; exit 1; }
 
 expect_usage_error() {

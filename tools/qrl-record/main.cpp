@@ -32,9 +32,8 @@
 #include "Y4MWriter.h"
 #include "qrl/foundation/Clock.h"
 #include "qrl/foundation/PlatformLog.h"
+#include "qrl/logging/Logging.h"
 #include "qrl/logging/QRLLog.h"
-#include "qrl/logging/QRLTTYLogger.h"
-#include "qrl/logging/ThreadLogger.h"
 #include "qrl/foundation/NotificationCenter.h"
 #include "qrl/foundation/RunLoop.h"
 #include "qrl/timing/FrameTimeOrganizer.h"
@@ -150,15 +149,6 @@ private:
     std::string temporary_;
     std::FILE* file_ = nullptr;
 };
-
-// Log lines go to the terminal in the thread formatter's form; the engine
-// flushes them at exit.
-void setUpLogging() {
-    auto lineFormat = std::make_shared<ThreadLogger>();
-    lineFormat->setIncludeDate(true);
-    QRLTTYLogger::sharedInstance()->setLogFormatter(lineFormat);
-    QRLLog::addLogger(QRLTTYLogger::sharedInstance());
-}
 
 // The GPU path: a context manager for the display's renderer and a capture
 // converter on it.
@@ -284,7 +274,6 @@ int runSimulated(const RecordOptions& options) {
     const uint64_t start = static_cast<uint64_t>(kFrequency) * 3600;
     auto clock = std::make_shared<SimulatedClock>(kFrequency, start);
     qrl_install_clock(clock);
-    setUpLogging();
 
     // One simulated display of the picture's size; the renderers are the
     // platform's own (EGL), so that the GPU path draws real pixels.
@@ -343,7 +332,6 @@ int runSimulated(const RecordOptions& options) {
 }
 
 int runX11(const RecordOptions& options) {
-    setUpLogging();
     // The X server of $DISPLAY, whatever QRL_PLATFORM says.
     ::setenv("QRL_DISPLAY_PLATFORM", "x11", 1);
     const auto server = VideoPlatform::displayServer();
@@ -416,6 +404,9 @@ int runX11(const RecordOptions& options) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    // The stored log options first: levels, domains, the master switch (off
+    // unless the preferences turn it on), the terminal and system-log outputs.
+    qrl::LoggerStart();
     std::string error;
     const auto options = parseRecordOptions(argc, argv, error);
     if (!options) {

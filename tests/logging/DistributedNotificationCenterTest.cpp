@@ -1,0 +1,335 @@
+// The cross-process notification centre as a port: what may travel, the
+// observers' filters and removal, delivery on the run loop, simulated
+// processes joined into groups with a lost bus as a fault, and the choice of
+// backend where no session bus can be reached.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <latch>
+#include <optional>
+#include <thread>
+
+#include "logging/LoggingTestSupport.h"
+#include "qrl/foundation/Exception.h"
+#include "qrl/foundation/RunLoop.h"
+#include "qrl/logging/DistributedNotificationCenter.h"
+#include "qrl/logging/sim/SimDistributedNotificationCenter.h"
+
+namespace qrl {
+namespace {
+
+using Sim = SimDistributedNotificationCenter;
+
+// Runs what the main loop has been handed so far.
+void deliverPending() {
+    for (int i = 0; i < 10 && RunLoop::main().runOnce(0.0); ++i) {
+    }
+}
+
+// Who heard what, in order.
+struct Ear {
+    std::vector<std::string> heard;
+    DistributedNotificationCenter::Callback as(const std::string& who) {
+        return [this, who](const DistributedNotification& n) { heard.push_back(who + ":" + n.name + "/" + n.object); };
+    }
+};
+
+class BoxedThing : public Object {
+public:
+    std::string description() const override { return "thing"; }
+};
+
+TEST(DistributedNotificationText, PortableTextIsStrictUTF8WithoutNulOrNoncharacters) {
+    const std::pair<std::string, bool> cases[] = {
+        {"", true},
+        {"kLoggingOptionsChanged", true},
+        {"caf\xC3\xA9 \xE2\x82\xAC \xF0\x9F\x8E\xA5", true},
+        {"\xF4\x8F\xBF\xBD", true},       // U+10FFFD
+        {std::string("a\0b", 3), false},  // NUL
+        {"\xC3\x28", false},              // bad continuation
+        {"\xC0\xAF", false},              // overlong
+        {"\xE0\x80\xAF", false},          // overlong, three bytes
+        {"\xED\xA0\x80", false},          // surrogate
+        {"\xEF\xB7\x90", false},          // U+FDD0
+        {"\xEF\xBF\xBE", false},          // U+FFFE
+        {"\xF0\x9F\xBF\xBF", false},      // U+1FFFF
+        {"\xF4\x8F\xBF\xBF", false},      // U+10FFFF
+        {"\xF4\x90\x80\x80", false},      // beyond U+10FFFF
+        {"\xE2\x82", false},              // cut short
+        {"\xFF", false},
+    };
+    for (const auto& [text, portable] : cases)
+        EXPECT_EQ(DistributedNotificationCenter::isPortableText(text), portable) << testing::PrintToString(text);
+}
+
+TEST(DistributedNotificationText, UserInformationKeepsSimpleValuesAndLeavesTheRestOut) {
+    Value deep = Value::dictionary({{"leaf", 1}});
+    for (int i = 0; i < 20; ++i) deep = Value::dictionary({{"d", deep}});
+    const Value info = Value::dictionary({
+        {"bool", true},
+        {"int", INT64_MIN},
+        {"real", 0.25},
+        {"text", "Warnings"},
+        {"data", Data{0, 1, 255}},
+        {"null", Value()},
+        {"date", Date{1}},
+        {"decimal", Decimal::fromInt64(3)},
+        {"object", Value(std::shared_ptr<Object>(std::make_shared<BoxedThing>()))},
+        {"badText", "\xC3\x28"},
+        {"list", Value::array({1, Value(), "x", Value::array({Value::dictionary({{"\xED\xA0\x80", 1}, {"k", 2}})})})},
+        {"deep", deep},
+    });
+    std::size_t dropped = 0;
+    const Value out = DistributedNotificationCenter::portableUserInfo(info, &dropped);
+    ASSERT_TRUE(out.isDictionary());
+    EXPECT_EQ(out.asDictionary()->keys(),
+              (std::vector<std::string>{"bool", "int", "real", "text", "data", "list", "deep"}));
+    EXPECT_EQ(out["int"], Value(INT64_MIN));
+    EXPECT_EQ(out["data"], Value(Data{0, 1, 255}));
+    EXPECT_EQ(out["list"], Value::array({1, "x", Value::array({Value::dictionary({{"k", 2}})})}));
+    // Sixteen levels are kept (the top dictionary is the first).
+    int levels = 1;
+    for (Value v = out["deep"]; v.isDictionary() && v.asDictionary()->contains("d"); v = v["d"]) ++levels;
+    EXPECT_EQ(levels, DistributedNotificationCenter::kMaxNesting - 1);
+    // null, date, decimal, object, bad text, the null and the bad key in the
+    // list, and the container past the limit.
+    EXPECT_EQ(dropped, 8u);
+    // A copy: the caller's containers are not shared.
+    EXPECT_NE(out["list"].asArray(), info["list"].asArray());
+    EXPECT_TRUE(DistributedNotificationCenter::portableUserInfo(Value()).isNull());
+}
+
+class DistributedNotificationCenterTest : public ::testing::Test {
+protected:
+    void TearDown() override { deliverPending(); }
+    test::CapturedPlatformLog log_;
+};
+
+TEST_F(DistributedNotificationCenterTest, APostReachesTheWholeGroupOnTheRunLoopSenderIncluded) {
+    auto a = Sim::create(RunLoop::main());
+    auto b = Sim::create(RunLoop::main());
+    auto c = Sim::create(RunLoop::main());
+    auto d = Sim::create(RunLoop::main());
+    a->join(*b);
+    d->join(*c);
+    d->join(*a);  // everyone already with either comes along
+    auto alone = Sim::create(RunLoop::main());
+    EXPECT_EQ(a->groupSize(), 4u);
+    EXPECT_EQ(alone->groupSize(), 1u);
+    Ear ear;
+    const std::vector<std::pair<std::shared_ptr<Sim>, std::string>> all = {
+        {a, "a"}, {b, "b"}, {c, "c"}, {d, "d"}, {alone, "alone"}};
+    for (const auto& [center, name] : all) center->addObserver(&ear, "n", std::nullopt, ear.as(name));
+
+    b->postNotificationName("n", "from-b", Value::dictionary({{"k", 1}}));
+    EXPECT_TRUE(ear.heard.empty());
+    deliverPending();
+    // Members in join order: d's group (d, c) took a and b in.
+    EXPECT_EQ(ear.heard, (std::vector<std::string>{"d:n/from-b", "c:n/from-b", "a:n/from-b", "b:n/from-b"}));
+    EXPECT_EQ(b->sentCount(), 1u);
+    EXPECT_EQ(b->sentNotifications()[0].userInfo, Value::dictionary({{"k", 1}}));
+    EXPECT_EQ(a->deliveredCount(), 1u);
+    EXPECT_EQ(alone->deliveredCount(), 0u);
+
+    c->leave();
+    ear.heard.clear();
+    a->postNotificationName("n", "from-a");
+    deliverPending();
+    EXPECT_EQ(ear.heard, (std::vector<std::string>{"d:n/from-a", "a:n/from-a", "b:n/from-a"}));
+    EXPECT_EQ(c->groupSize(), 1u);
+    EXPECT_EQ(a->groupSize(), 3u);
+}
+
+TEST_F(DistributedNotificationCenterTest, ObserversFilterByNameAndObjectAndLeaveByTokenIdentityOrName) {
+    auto center = Sim::create(RunLoop::main());
+    Ear ear;
+    int x = 0, y = 0;
+    center->addObserver(&x, "", std::nullopt, ear.as("any"));
+    center->addObserver(&x, "n", std::string("o1"), ear.as("n-o1"));
+    const auto token = center->addObserver(&y, "n", std::nullopt, ear.as("n"));
+    center->addObserver(&y, "m", std::nullopt, ear.as("m"));
+    EXPECT_EQ(center->observerCount(), 4u);
+    center->postNotificationName("n", "o1");
+    center->postNotificationName("n", "o2");
+    center->postNotificationName("m", "o1");
+    deliverPending();
+    EXPECT_EQ(ear.heard, (std::vector<std::string>{"any:n/o1", "n-o1:n/o1", "n:n/o1", "any:n/o2", "n:n/o2", "any:m/o1",
+                                                   "m:m/o1"}));
+    EXPECT_TRUE(center->removeObserver(token));
+    EXPECT_FALSE(center->removeObserver(token));
+    EXPECT_EQ(center->removeObserver(&y, "n"), 0u);
+    EXPECT_EQ(center->removeObserver(&x, "n"), 1u);
+    EXPECT_EQ(center->removeObserver(&y), 1u);
+    EXPECT_EQ(center->removeObserver(&x), 1u);
+    EXPECT_EQ(center->observerCount(), 0u);
+    EXPECT_THROW(center->addObserver(&x, "n", std::nullopt, {}), Exception);
+}
+
+TEST_F(DistributedNotificationCenterTest, BadPostsAreRefusedAndSendNothing) {
+    auto center = Sim::create(RunLoop::main());
+    EXPECT_THROW(center->postNotificationName("", "o"), Exception);
+    EXPECT_THROW(center->postNotificationName("n\xFF", "o"), Exception);
+    EXPECT_THROW(center->postNotificationName("n", std::string("o\0", 2)), Exception);
+    EXPECT_THROW(center->postNotificationName("n", "o", Value::array({1})), Exception);
+    EXPECT_THROW(center->postNotificationName("n", "o", Value(3)), Exception);
+    EXPECT_EQ(center->sentCount(), 0u);
+    try {
+        center->postNotificationName("n", "o", "text");
+        FAIL();
+    } catch (const Exception& e) {
+        EXPECT_EQ(e.name(), "DistributedNotificationCenter");
+        EXPECT_NE(e.reason().find("dictionary or null"), std::string::npos) << e.reason();
+    }
+}
+
+TEST_F(DistributedNotificationCenterTest, ValuesLeftOutAreReportedOncePerCentre) {
+    auto center = Sim::create(RunLoop::main());
+    std::optional<DistributedNotification> got;
+    center->addObserver(nullptr, "n", std::nullopt, [&](const DistributedNotification& n) { got = n; });
+    center->postNotificationName("n", "o", Value::dictionary({{"when", Date{5}}, {"kept", 1}}));
+    center->postNotificationName("n", "o", Value::dictionary({{"when", Date{6}}}));
+    deliverPending();
+    ASSERT_TRUE(got);
+    EXPECT_EQ(log_.countContaining("values that cannot travel were left out"), 1u)
+        << testing::PrintToString(log_.lines());
+    EXPECT_EQ(log_.countContaining("Cross-process notification n: 1 values"), 1u);
+    EXPECT_EQ(center->sentNotifications()[0].userInfo, Value::dictionary({{"kept", 1}}));
+}
+
+TEST_F(DistributedNotificationCenterTest, ALostBusLeavesAProcessAloneWithItself) {
+    auto a = Sim::create(RunLoop::main());
+    auto b = Sim::create(RunLoop::main());
+    a->join(*b);
+    Ear ear;
+    a->addObserver(&ear, "n", std::nullopt, ear.as("a"));
+    b->addObserver(&ear, "n", std::nullopt, ear.as("b"));
+    b->setConnected(false);
+    EXPECT_FALSE(b->connected());
+    a->postNotificationName("n", "1");
+    b->postNotificationName("n", "2");
+    deliverPending();
+    EXPECT_EQ(ear.heard, (std::vector<std::string>{"a:n/1", "b:n/2"}));
+    b->setConnected(true);
+    ear.heard.clear();
+    b->postNotificationName("n", "3");
+    deliverPending();
+    EXPECT_EQ(ear.heard, (std::vector<std::string>{"a:n/3", "b:n/3"}));
+}
+
+TEST_F(DistributedNotificationCenterTest, ACentreGoneBeforeItsPassGetsNothing) {
+    auto a = Sim::create(RunLoop::main());
+    auto b = Sim::create(RunLoop::main());
+    a->join(*b);
+    int calls = 0;
+    b->addObserver(nullptr, "n", std::nullopt, [&](const DistributedNotification&) { ++calls; });
+    a->postNotificationName("n", "o");
+    b.reset();
+    deliverPending();
+    EXPECT_EQ(calls, 0);
+    EXPECT_EQ(a->groupSize(), 1u);
+}
+
+TEST_F(DistributedNotificationCenterTest, ObserversMayRemoveEachOtherAndAFailingOneStopsNobody) {
+    auto center = Sim::create(RunLoop::main());
+    std::vector<std::string> calls;
+    DistributedNotificationCenter::Token second = 0;
+    center->addObserver(nullptr, "n", std::nullopt, [&](const DistributedNotification&) {
+        calls.push_back("first");
+        center->removeObserver(second);
+        throw std::runtime_error("observer failed");
+    });
+    second = center->addObserver(nullptr, "n", std::nullopt,
+                                 [&](const DistributedNotification&) { calls.push_back("second"); });
+    center->addObserver(nullptr, "n", std::nullopt, [&](const DistributedNotification&) { calls.push_back("third"); });
+    center->postNotificationName("n", "o");
+    center->postNotificationName("n", "o");
+    deliverPending();
+    EXPECT_EQ(calls, (std::vector<std::string>{"first", "third", "first", "third"}));
+    EXPECT_EQ(log_.countContaining("an observer failed: observer failed"), 2u);
+}
+
+TEST_F(DistributedNotificationCenterTest, PostsFromManyThreadsAreAllDeliveredOnTheLoop) {
+    auto a = Sim::create(RunLoop::main());
+    auto b = Sim::create(RunLoop::main());
+    a->join(*b);
+    std::atomic<int> heard{0};
+    std::thread::id where;
+    b->addObserver(nullptr, "n", std::nullopt, [&](const DistributedNotification&) {
+        where = std::this_thread::get_id();
+        heard.fetch_add(1);
+    });
+    constexpr int kThreads = 4, kPosts = 50;
+    std::latch go(kThreads);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&, t] {
+            go.arrive_and_wait();
+            for (int i = 0; i < kPosts; ++i) (t % 2 ? a : b)->postNotificationName("n", std::to_string(i));
+        });
+    }
+    for (auto& t : threads) t.join();
+    ASSERT_TRUE(RunLoop::main().runUntil([&] { return heard.load() == kThreads * kPosts; }, 10.0));
+    EXPECT_EQ(where, std::this_thread::get_id());
+    EXPECT_EQ(a->sentCount() + b->sentCount(), std::size_t{kThreads * kPosts});
+}
+
+// The process's choice, under environment variables set for one test.
+class DistributedNotificationChoiceTest : public DistributedNotificationCenterTest {
+protected:
+    void SetUp() override {
+        for (const char* name : {"QRL_NOTIFICATION_PLATFORM", "QRL_PLATFORM", "DBUS_SESSION_BUS_ADDRESS"}) {
+            const char* v = std::getenv(name);
+            saved_.emplace_back(name, v ? std::optional<std::string>(v) : std::nullopt);
+            unsetenv(name);
+        }
+        // No bus anywhere: a path that does not exist.
+        setenv("DBUS_SESSION_BUS_ADDRESS", "unix:path=/nonexistent/qrl-test-bus", 1);
+    }
+    void TearDown() override {
+        for (const auto& [name, value] : saved_)
+            value ? setenv(name.c_str(), value->c_str(), 1) : unsetenv(name.c_str());
+        DistributedNotificationCenterTest::TearDown();
+    }
+    std::vector<std::pair<std::string, std::optional<std::string>>> saved_;
+};
+
+TEST_F(DistributedNotificationChoiceTest, WithoutABusTheProcessSaysSoOnceAndKeepsToItself) {
+    ScopedDistributedNotificationCenter scope(nullptr);
+    const auto center = DistributedNotificationCenter::defaultCenter();
+    EXPECT_EQ(center->backendName(), "local");
+    EXPECT_EQ(DistributedNotificationCenter::defaultCenter(), center);
+    EXPECT_EQ(log_.countContaining("Cross-process notifications: no session bus ("), 1u)
+        << testing::PrintToString(log_.lines());
+    EXPECT_EQ(log_.lines().size(), 1u);
+    EXPECT_EQ(DistributedNotificationCenter::choiceReport().rfind("local (dbus: ", 0), 0u)
+        << DistributedNotificationCenter::choiceReport();
+    int calls = 0;
+    center->addObserver(nullptr, "n", std::nullopt, [&](const DistributedNotification&) { ++calls; });
+    center->postNotificationName("n", "o");
+    deliverPending();
+    EXPECT_EQ(calls, 1);
+}
+
+TEST_F(DistributedNotificationChoiceTest, ABackendMayBeNamed) {
+    {
+        setenv("QRL_PLATFORM", "sim", 1);
+        ScopedDistributedNotificationCenter scope(nullptr);
+        EXPECT_EQ(DistributedNotificationCenter::defaultCenter()->backendName(), "sim");
+        EXPECT_EQ(DistributedNotificationCenter::choiceReport(), "sim (named)");
+    }
+    {
+        setenv("QRL_NOTIFICATION_PLATFORM", "local", 1);  // the specific name wins
+        ScopedDistributedNotificationCenter scope(nullptr);
+        EXPECT_EQ(DistributedNotificationCenter::defaultCenter()->backendName(), "local");
+    }
+    EXPECT_TRUE(log_.lines().empty());
+    {
+        setenv("QRL_NOTIFICATION_PLATFORM", "carrier-pigeon", 1);
+        ScopedDistributedNotificationCenter scope(nullptr);
+        EXPECT_EQ(DistributedNotificationCenter::defaultCenter()->backendName(), "local");
+        EXPECT_EQ(log_.countContaining("no backend named \"carrier-pigeon\""), 2u);  // named, then in the reason
+    }
+}
+
+}  // namespace
+}  // namespace qrl

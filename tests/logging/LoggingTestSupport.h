@@ -1,0 +1,136 @@
+// The stage of the Logging tests: a private config home with a fresh
+// persistent store, an empty bundle, a simulated cross-process centre, the
+// platform log captured, a simulated clock, and Logging taken down before and
+// after each test.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <filesystem>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "qrl/foundation/Bundle.h"
+#include "qrl/foundation/PlatformLog.h"
+#include "qrl/foundation/RunLoop.h"
+#include "qrl/logging/DistributedNotificationCenter.h"
+#include "qrl/logging/Logging.h"
+#include "qrl/logging/QRLDefaultsFactory.h"
+#include "qrl/logging/detail/DefaultsUserDefaults.h"
+#include "qrl/logging/sim/SimDistributedNotificationCenter.h"
+#include "support/TestSupport.h"
+
+namespace qrl::test {
+
+// Lines written to the platform log while it lives.
+class CapturedPlatformLog {
+public:
+    CapturedPlatformLog() {
+        previous_ = setPlatformLogWriter([this](std::string_view line) {
+            std::lock_guard lock(mutex_);
+            lines_.emplace_back(line);
+        });
+    }
+    ~CapturedPlatformLog() { setPlatformLogWriter(previous_); }
+    CapturedPlatformLog(const CapturedPlatformLog&) = delete;
+    CapturedPlatformLog& operator=(const CapturedPlatformLog&) = delete;
+
+    std::vector<std::string> lines() const {
+        std::lock_guard lock(mutex_);
+        return lines_;
+    }
+    std::size_t count(std::string_view line) const {
+        std::lock_guard lock(mutex_);
+        return static_cast<std::size_t>(std::count(lines_.begin(), lines_.end(), line));
+    }
+    std::size_t countContaining(std::string_view part) const {
+        std::lock_guard lock(mutex_);
+        return static_cast<std::size_t>(std::count_if(
+            lines_.begin(), lines_.end(), [&](const std::string& l) { return l.find(part) != std::string::npos; }));
+    }
+    void clear() {
+        std::lock_guard lock(mutex_);
+        lines_.clear();
+    }
+
+private:
+    mutable std::mutex mutex_;
+    std::vector<std::string> lines_;
+    PlatformLogWriter previous_;
+};
+
+// A handler as an application writes one: applies what it hears and keeps it.
+class RecordingHandler : public LoggingChangeHandler {
+public:
+    void loggingOptionsChanged(const DistributedNotification& notification) override {
+        received.push_back(notification);
+        if (auto logging = Logging::defaultLogger())
+            logging->updateLoggingPreferencesBecauseOfNotification(notification);
+    }
+    std::vector<DistributedNotification> received;  // main thread only
+};
+
+class LoggingFixture : public ::testing::Test {
+protected:
+    void SetUp() override {
+        char pattern[] = "/tmp/qrl-logging-XXXXXX";
+        ASSERT_NE(::mkdtemp(pattern), nullptr);
+        home_ = pattern;
+        if (const char* old = std::getenv("XDG_CONFIG_HOME")) savedHome_ = old;
+        setenv("XDG_CONFIG_HOME", home_.c_str(), 1);
+        previousBundle_ = Bundle::main();
+        Bundle bundle = *previousBundle_;
+        bundle.info = std::make_shared<Dictionary>();
+        Bundle::setMain(bundle);
+        detail::resetLoggingForTesting();
+        QRLDefaultsFactory::useNSUserDefaults();
+        UserDefaults::resetStandardUserDefaults();
+        center_ = SimDistributedNotificationCenter::create(RunLoop::main());
+        scopedCenter_ = std::make_unique<ScopedDistributedNotificationCenter>(center_);
+    }
+
+    void TearDown() override {
+        detail::resetLoggingForTesting();
+        drainMainLoop();
+        scopedCenter_.reset();
+        QRLDefaultsFactory::useNSUserDefaults();
+        UserDefaults::resetStandardUserDefaults();
+        Bundle::setMain(*previousBundle_);
+        savedHome_ ? setenv("XDG_CONFIG_HOME", savedHome_->c_str(), 1) : unsetenv("XDG_CONFIG_HOME");
+        std::filesystem::remove_all(home_);
+    }
+
+    // Posted work left by a test (deliveries) runs now, before the next test.
+    static void drainMainLoop() {
+        for (int i = 0; i < 100 && RunLoop::main().runOnce(0.0); ++i) {
+        }
+    }
+
+    // Info dictionary entries for the next LoggerStart().
+    void setInfo(const std::string& key, Value value) {
+        Bundle bundle = *Bundle::main();
+        auto info = std::make_shared<Dictionary>(*bundle.info);
+        info->set(key, std::move(value));
+        bundle.info = info;
+        Bundle::setMain(bundle);
+    }
+
+    // Runs the main loop for `seconds` of simulated time.
+    void run(double seconds) { RunLoop::main().runFor(seconds); }
+
+    ScopedSimulatedClock clock_;  // first in, last out: pending timers die before it
+    CapturedPlatformLog log_;
+    std::string home_;
+    std::optional<std::string> savedHome_;
+    std::shared_ptr<const Bundle> previousBundle_;
+    std::shared_ptr<SimDistributedNotificationCenter> center_;
+    std::unique_ptr<ScopedDistributedNotificationCenter> scopedCenter_;
+};
+
+}  // namespace qrl::test
