@@ -93,4 +93,21 @@ public:
 // format unchanged.
 std::string escapeFormatText(std::string_view text);
 
+// Runs work(GLContext&) on the manager's selected context under its lock,
+// released on every exit, exceptions included; does nothing without a
+// manager or a selected context.
+template <class F>
+void withCurrentContextLocked(ContextManager* manager, F&& work) {
+    if (!manager) return;
+    GLContext* context = manager->lockCurrentContext();
+    if (!context) return;
+    try {
+        work(*context);
+    } catch (...) {
+        manager->unlockCGLContext(context);
+        throw;
+    }
+    manager->unlockCGLContext(context);
+}
+
 }  // namespace qrl

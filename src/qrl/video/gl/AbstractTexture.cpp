@@ -9,25 +9,6 @@
 
 namespace qrl {
 
-namespace {
-
-// Runs `work` on the selected context under its lock; nothing without one.
-template <class F>
-void underSelectedContext(ContextManager* manager, F&& work) {
-    if (!manager) return;
-    GLContext* context = manager->lockCurrentContext();
-    if (!context) return;
-    try {
-        work(*context);
-    } catch (...) {
-        manager->unlockCGLContext(context);
-        throw;
-    }
-    manager->unlockCGLContext(context);
-}
-
-}  // namespace
-
 std::shared_ptr<AbstractTexture> AbstractTexture::textureWithManager(std::shared_ptr<TextureManager> manager) {
     std::shared_ptr<AbstractTexture> texture(new AbstractTexture());
     texture->initWithManager(std::move(manager));
@@ -102,14 +83,14 @@ void AbstractTexture::deleteTexture() {
 
 void AbstractTexture::saveCurrentTextureParameters() {
     if (!valid()) return;
-    underSelectedContext(contextManager().get(), [&](GLContext& c) {
+    withCurrentContextLocked(contextManager().get(), [&](GLContext& c) {
         c.gl().glGetIntegerv(GL_TEXTURE_BINDING_RECTANGLE_EXT, &previousTextureName_);
         c.gl().glGetIntegerv(GL_PACK_ROW_LENGTH, &previousRowLength_);
     });
 }
 
 void AbstractTexture::restoreSavedTextureParamters() {
-    underSelectedContext(contextManager().get(), [&](GLContext& c) {
+    withCurrentContextLocked(contextManager().get(), [&](GLContext& c) {
         c.gl().glBindTexture(GL_TEXTURE_RECTANGLE_EXT, static_cast<GLuint>(previousTextureName_));
     });
     // One saved value serves both directions.
@@ -117,7 +98,7 @@ void AbstractTexture::restoreSavedTextureParamters() {
 }
 
 void AbstractTexture::linearAndClampToEdge() {
-    underSelectedContext(contextManager().get(), [&](GLContext& c) {
+    withCurrentContextLocked(contextManager().get(), [&](GLContext& c) {
         c.gl().glTexParameteri(GL_TEXTURE_RECTANGLE_EXT, GL_TEXTURE_MIN_FILTER, GL_LINEAR);
         c.gl().glTexParameteri(GL_TEXTURE_RECTANGLE_EXT, GL_TEXTURE_MAG_FILTER, GL_LINEAR);
         c.gl().glTexParameteri(GL_TEXTURE_RECTANGLE_EXT, GL_TEXTURE_WRAP_S, GL_CLAMP_TO_EDGE);
@@ -127,7 +108,7 @@ void AbstractTexture::linearAndClampToEdge() {
 
 void AbstractTexture::trilinearInterpolationFor3DLUT() {
     // GL_CLAMP here, GL_CLAMP_TO_EDGE for rectangles: the two differ on purpose.
-    underSelectedContext(contextManager().get(), [&](GLContext& c) {
+    withCurrentContextLocked(contextManager().get(), [&](GLContext& c) {
         c.gl().glTexParameteri(GL_TEXTURE_3D, GL_TEXTURE_MIN_FILTER, GL_LINEAR);
         c.gl().glTexParameteri(GL_TEXTURE_3D, GL_TEXTURE_MAG_FILTER, GL_LINEAR);
         c.gl().glTexParameteri(GL_TEXTURE_3D, GL_TEXTURE_WRAP_S, GL_CLAMP);
@@ -138,7 +119,7 @@ void AbstractTexture::trilinearInterpolationFor3DLUT() {
 
 void AbstractTexture::setTextureStorageHintApple(GLint storageHint, GLint unpackClientStorage) {
     if (!valid()) return;
-    underSelectedContext(contextManager().get(), [&](GLContext& c) {
+    withCurrentContextLocked(contextManager().get(), [&](GLContext& c) {
         if (c.hasExtension("GL_APPLE_texture_range"))
             c.gl().glTexParameteri(GL_TEXTURE_RECTANGLE_EXT, GL_TEXTURE_STORAGE_HINT_APPLE, storageHint);
         if (c.hasExtension("GL_APPLE_client_storage"))
@@ -148,7 +129,7 @@ void AbstractTexture::setTextureStorageHintApple(GLint storageHint, GLint unpack
 
 void AbstractTexture::setPackRowLength(GLint rowLength) {
     if (!valid()) return;
-    underSelectedContext(contextManager().get(), [&](GLContext& c) {
+    withCurrentContextLocked(contextManager().get(), [&](GLContext& c) {
         c.gl().glPixelStorei(GL_PACK_ROW_LENGTH, rowLength);
         // Checked on the calling thread's current context, not the one locked here.
         OpenGLGraphics::raiseForGlError("Unable to set the pack row length, %ld");
@@ -157,7 +138,7 @@ void AbstractTexture::setPackRowLength(GLint rowLength) {
 
 void AbstractTexture::setUnpackRowLength(GLint rowLength) {
     if (!valid()) return;
-    underSelectedContext(contextManager().get(), [&](GLContext& c) {
+    withCurrentContextLocked(contextManager().get(), [&](GLContext& c) {
         c.gl().glPixelStorei(GL_UNPACK_ROW_LENGTH, rowLength);
         OpenGLGraphics::raiseForGlError("Unable to set the unpack row length, %ld");
     });

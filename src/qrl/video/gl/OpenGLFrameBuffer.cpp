@@ -9,25 +9,6 @@
 
 namespace qrl {
 
-namespace {
-
-// Runs `work` under the selected context's lock, releasing it on every exit.
-template <class F>
-void underLock(ContextManager* manager, F&& work) {
-    if (!manager) return;
-    GLContext* context = manager->lockCurrentContext();
-    if (!context) return;
-    try {
-        work(*context);
-    } catch (...) {
-        manager->unlockCGLContext(context);
-        throw;
-    }
-    manager->unlockCGLContext(context);
-}
-
-}  // namespace
-
 OpenGLFrameBuffer::OpenGLFrameBuffer(std::shared_ptr<ContextManager> manager) : contextManager_(std::move(manager)) {}
 
 std::shared_ptr<OpenGLFrameBuffer> OpenGLFrameBuffer::initWithContextManager(std::shared_ptr<ContextManager> manager) {
@@ -61,7 +42,7 @@ std::string OpenGLFrameBuffer::description() const { return qrl::format("FBO: %d
 
 void OpenGLFrameBuffer::saveFBOParameters() {
     const auto cm = contextManager();
-    underLock(cm.get(), [&](GLContext& c) {
+    withCurrentContextLocked(cm.get(), [&](GLContext& c) {
         c.gl().glGetIntegerv(GL_FRAMEBUFFER_BINDING_EXT, &previousFBO_);
         c.gl().glGetIntegerv(GL_READ_FRAMEBUFFER_BINDING_EXT, &previousReadFBO_);
         c.gl().glGetIntegerv(GL_DRAW_FRAMEBUFFER_BINDING_EXT, &previousDrawFBO_);
@@ -71,7 +52,7 @@ void OpenGLFrameBuffer::saveFBOParameters() {
 
 void OpenGLFrameBuffer::restoreFBOParameters() {
     const auto cm = contextManager();
-    underLock(cm.get(), [&](GLContext& c) {
+    withCurrentContextLocked(cm.get(), [&](GLContext& c) {
         c.gl().glBindFramebufferEXT(GL_FRAMEBUFFER_EXT, static_cast<GLuint>(previousFBO_));
         c.gl().glBindFramebufferEXT(GL_READ_FRAMEBUFFER_EXT, static_cast<GLuint>(previousReadFBO_));
         c.gl().glBindFramebufferEXT(GL_DRAW_FRAMEBUFFER_EXT, static_cast<GLuint>(previousDrawFBO_));
@@ -81,7 +62,7 @@ void OpenGLFrameBuffer::restoreFBOParameters() {
 
 void OpenGLFrameBuffer::use() {
     const auto cm = contextManager();
-    underLock(cm.get(), [&](GLContext& c) {
+    withCurrentContextLocked(cm.get(), [&](GLContext& c) {
         saveFBOParameters();
         c.gl().glBindFramebufferEXT(GL_FRAMEBUFFER_EXT, frameBuffer());
         cm->checkOpenGLError("Unable to bind frameBuffer object", &c);
@@ -90,14 +71,14 @@ void OpenGLFrameBuffer::use() {
 
 void OpenGLFrameBuffer::finish() {
     const auto cm = contextManager();
-    underLock(cm.get(), [&](GLContext& c) {
+    withCurrentContextLocked(cm.get(), [&](GLContext& c) {
         c.gl().glBindFramebufferEXT(GL_FRAMEBUFFER_EXT, 0);
         restoreFBOParameters();
     });
 }
 
 void OpenGLFrameBuffer::clear() {
-    underLock(contextManager().get(), [&](GLContext& c) {
+    withCurrentContextLocked(contextManager().get(), [&](GLContext& c) {
         c.gl().glClearColor(0, 0, 0, 0);
         c.gl().glClear(GL_COLOR_BUFFER_BIT);
     });
@@ -153,7 +134,7 @@ void OpenGLFrameBuffer::bindWithTexture(const std::shared_ptr<TextureWithID>& te
 }
 
 void OpenGLFrameBuffer::unbindAttachmentPoint(GLenum attachmentPoint) {
-    underLock(contextManager().get(), [&](GLContext& c) {
+    withCurrentContextLocked(contextManager().get(), [&](GLContext& c) {
         c.gl().glFramebufferTexture2DEXT(GL_FRAMEBUFFER_EXT, attachmentPoint, GL_TEXTURE_RECTANGLE_EXT, 0, 0);
     });
 }
@@ -210,7 +191,7 @@ void OpenGLFrameBuffer::useAndSet2dDrawingSizeTo(CGSize size, GLuint textureID, 
 }
 
 void OpenGLFrameBuffer::drawTextureCoordsToOriginOfFBO(CGRect r) {
-    underLock(contextManager().get(), [&](GLContext& c) {
+    withCurrentContextLocked(contextManager().get(), [&](GLContext& c) {
         const auto w = static_cast<GLint>(r.size.width);
         const auto h = static_cast<GLint>(r.size.height);
         const auto x0 = static_cast<GLfloat>(r.origin.x);
