@@ -52,44 +52,6 @@ inline uint32_t orderingKey(const unsigned char* p, const unsigned char* end, si
 
 }  // namespace
 
-bool isValidUTF8(const char* text, size_t n) {
-    const auto* p = reinterpret_cast<const unsigned char*>(text);
-    const unsigned char* const end = p + n;
-    while (p < end) {
-        // Runs of ASCII go eight bytes at a time.
-        while (end - p >= 8) {
-            uint64_t word;
-            std::memcpy(&word, p, 8);
-            if (word & 0x8080808080808080ULL) break;
-            p += 8;
-        }
-        if (p == end) break;
-        const unsigned char b0 = *p;
-        if (b0 < 0x80) {
-            ++p;
-            continue;
-        }
-        const size_t left = static_cast<size_t>(end - p);
-        if (b0 >= 0xC2 && b0 <= 0xDF) {
-            if (left < 2 || !isContinuation(p[1])) return false;
-            p += 2;
-        } else if (b0 >= 0xE0 && b0 <= 0xEF) {
-            if (left < 3 || !isContinuation(p[1]) || !isContinuation(p[2])) return false;
-            if (b0 == 0xE0 && p[1] < 0xA0) return false;  // overlong
-            if (b0 == 0xED && p[1] > 0x9F) return false;  // surrogate
-            p += 3;
-        } else if (b0 >= 0xF0 && b0 <= 0xF4) {
-            if (left < 4 || !isContinuation(p[1]) || !isContinuation(p[2]) || !isContinuation(p[3])) return false;
-            if (b0 == 0xF0 && p[1] < 0x90) return false;  // overlong
-            if (b0 == 0xF4 && p[1] > 0x8F) return false;  // above U+10FFFF
-            p += 4;
-        } else {
-            return false;
-        }
-    }
-    return true;
-}
-
 const char* findStringSpecialInBlocks(const char* p, const char* end) {
 #if defined(__SSE2__)
     const __m128i quote = _mm_set1_epi8('"');

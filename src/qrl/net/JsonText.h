@@ -17,10 +17,6 @@
 
 namespace qrl::jsontext {
 
-// True when [p, p + n) is well-formed UTF-8: shortest forms only, no encoded
-// surrogates, nothing above U+10FFFF.
-bool isValidUTF8(const char* p, size_t n);
-
 // Bytes that end a plain run inside a string literal: double quote,
 // backslash and the control characters 0 to 31.
 struct StringSpecialTable {

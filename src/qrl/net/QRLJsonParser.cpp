@@ -12,6 +12,7 @@
 #include <utility>
 
 #include "qrl/net/JsonText.h"
+#include "qrl/foundation/Utf8.h"
 
 namespace qrl {
 
@@ -105,7 +106,7 @@ Value QRLJsonParser::objectWithString(const char* text, std::shared_ptr<Error>* 
 
 Value QRLJsonParser::parse(const char* text, size_t length, bool present) {
     clearErrorTrace();
-    if (!present || !jsontext::isValidUTF8(text, length)) {
+    if (!present || !isValidUtf8(std::string_view(text, length))) {
         addErrorWithCode(kQRLJsonErrorNoInput, "Input was 'nil'");
         return Value();
     }

@@ -12,6 +12,7 @@
 
 #include "qrl/net/JsonProxy.h"
 #include "qrl/net/JsonText.h"
+#include "qrl/foundation/Utf8.h"
 
 namespace qrl {
 
@@ -292,7 +293,7 @@ bool QRLJsonWriter::appendString(std::string_view text, jsontext::Output& out) {
     }
     *to++ = '"';
     out.setEnd(to);
-    if (nonAscii && !jsontext::isValidUTF8(text.data(), text.size())) {
+    if (nonAscii && !isValidUtf8(text)) {
         out.truncate(start);
         return false;
     }

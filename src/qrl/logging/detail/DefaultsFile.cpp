@@ -23,6 +23,7 @@
 #include "qrl/foundation/Format.h"
 #include "qrl/net/QRLJsonParser.h"
 #include "qrl/net/QRLJsonWriter.h"
+#include "qrl/foundation/Utf8.h"
 
 namespace qrl::detail {
 
@@ -38,7 +39,7 @@ std::optional<std::string> valueProblem(const Value& value, int depth) {
     case Value::Type::Object:
         return qrl::format("%@ is not a property-list value", value.asObject()->description());
     case Value::Type::String:
-        if (!isValidUTF8(*value.asString())) return std::string("a string that is not valid UTF-8 cannot be stored");
+        if (!isValidUtf8(*value.asString())) return std::string("a string that is not valid UTF-8 cannot be stored");
         return std::nullopt;
     case Value::Type::Array:
     case Value::Type::Dictionary:
@@ -49,7 +50,7 @@ std::optional<std::string> valueProblem(const Value& value, int depth) {
                 if (auto problem = valueProblem(item, depth + 1)) return problem;
         } else {
             for (const auto& [key, item] : *value.asDictionary()) {
-                if (!isValidUTF8(key)) return std::string("a key that is not valid UTF-8 cannot be stored");
+                if (!isValidUtf8(key)) return std::string("a key that is not valid UTF-8 cannot be stored");
                 if (auto problem = valueProblem(item, depth + 1)) return problem;
             }
         }
@@ -223,42 +224,6 @@ bool writeAll(int fd, std::string_view text, int& error) {
 }
 
 }  // namespace
-
-bool isValidUTF8(std::string_view text) {
-    const auto* p = reinterpret_cast<const unsigned char*>(text.data());
-    const unsigned char* end = p + text.size();
-    while (p < end) {
-        const unsigned char c = *p;
-        if (c < 0x80) {
-            ++p;
-            continue;
-        }
-        size_t length;
-        uint32_t code;
-        if (c >= 0xC2 && c <= 0xDF) {
-            length = 2;
-            code = c & 0x1F;
-        } else if (c >= 0xE0 && c <= 0xEF) {
-            length = 3;
-            code = c & 0x0F;
-        } else if (c >= 0xF0 && c <= 0xF4) {
-            length = 4;
-            code = c & 0x07;
-        } else {
-            return false;
-        }
-        if (static_cast<size_t>(end - p) < length) return false;
-        for (size_t i = 1; i < length; ++i) {
-            if ((p[i] & 0xC0) != 0x80) return false;
-            code = (code << 6) | (p[i] & 0x3F);
-        }
-        if ((length == 3 && code < 0x800) || (length == 4 && code < 0x10000) || code > 0x10FFFF ||
-            (code >= 0xD800 && code <= 0xDFFF))
-            return false;
-        p += length;
-    }
-    return true;
-}
 
 std::optional<std::string> defaultsValueProblem(const Value& value) { return valueProblem(value, 0); }
 

@@ -46,7 +46,6 @@ inline constexpr int kDefaultsMaxNesting = 128;
 // nulls inside containers, objects, strings and keys that are not UTF-8, and
 // nesting beyond kDefaultsMaxNesting are refused.
 std::optional<std::string> defaultsValueProblem(const Value& value);
-bool isValidUTF8(std::string_view text);
 
 // The tagged form of a value, and back. decodeDefaultsValue never fails: what
 // does not decode stays as it is.

@@ -9,6 +9,7 @@
 #include "qrl/foundation/NotificationCenter.h"
 #include "qrl/foundation/PlatformLog.h"
 #include "qrl/logging/detail/DefaultsFile.h"
+#include "qrl/foundation/Utf8.h"
 
 namespace qrl {
 
@@ -113,7 +114,7 @@ void UserDefaults::report(const std::string& message) {
 }
 
 void UserDefaults::checkKey(std::string_view key) {
-    if (!detail::isValidUTF8(key))
+    if (!isValidUtf8(key))
         Exception::raise("NSInvalidArgumentException", "Attempt to use a defaults key that is not valid UTF-8");
 }
 

@@ -10,29 +10,11 @@
 #include "qrl/foundation/Format.h"
 #include "qrl/video/ContextManager.h"
 #include "qrl/video/GLContext.h"
+#include "qrl/foundation/Utf8.h"
 
 namespace qrl {
 
 namespace {
-
-bool validUTF8(const std::string& s) {
-    size_t i = 0;
-    while (i < s.size()) {
-        const auto c = static_cast<unsigned char>(s[i]);
-        size_t n = c < 0x80 ? 1 : (c >> 5) == 0x6 ? 2 : (c >> 4) == 0xE ? 3 : (c >> 3) == 0x1E ? 4 : 0;
-        if (n == 0 || i + n > s.size()) return false;
-        uint32_t cp = n == 1 ? c : c & (0x7F >> n);
-        for (size_t k = 1; k < n; ++k) {
-            const auto d = static_cast<unsigned char>(s[i + k]);
-            if ((d & 0xC0) != 0x80) return false;
-            cp = (cp << 6) | (d & 0x3F);
-        }
-        static constexpr uint32_t kMin[] = {0, 0, 0x80, 0x800, 0x10000};
-        if (cp < kMin[n] || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) return false;
-        i += n;
-    }
-    return true;
-}
 
 std::string describeBundle(const Bundle* bundle) {
     if (!bundle) return "(null)";
@@ -58,10 +40,8 @@ std::shared_ptr<ContextManager> OpenGLFragmentShader::contextManager() const {
 
 void OpenGLFragmentShader::loadProgram(std::string_view source) {
     const auto cm = contextManager();
-    GLContext* context = cm ? cm->lockCurrentContext() : nullptr;
-    if (!context) return;
-    GLContext& c = *context;
-    try {
+    withCurrentContextLocked(cm.get(), [&](GLContext& c) {
+        GLContext* const context = &c;
         const GLhandleARB shader = c.gl().glCreateShaderObjectARB(GL_FRAGMENT_SHADER_ARB);
         cm->checkOpenGLError("Cannot create shader object", context);
         const std::string text(source);
@@ -89,11 +69,7 @@ void OpenGLFragmentShader::loadProgram(std::string_view source) {
             Exception::raise("Link Error",
                              qrl::format("%@", "Shared link error: " + getObjectErrorString(program_, context)));
         }
-    } catch (...) {
-        cm->unlockCGLContext(context);
-        throw;
-    }
-    cm->unlockCGLContext(context);
+    });
 }
 
 void OpenGLFragmentShader::loadProgramFromBundleResource(std::string_view name) {
@@ -109,7 +85,7 @@ void OpenGLFragmentShader::loadProgramFromBundleResource(std::string_view name,
         std::ifstream in(*path, std::ios::binary);
         if (in) {
             text.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-            read = !in.bad() && validUTF8(text);
+            read = !in.bad() && isValidUtf8(text);
         }
     }
     if (!read) {
@@ -137,9 +113,8 @@ std::string OpenGLFragmentShader::getObjectErrorString(GLhandleARB object, GLCon
 
 void OpenGLFragmentShader::validate() {
     const auto cm = contextManager();
-    GLContext* context = cm ? cm->lockCurrentContext() : nullptr;
-    if (!context) return;
-    try {
+    withCurrentContextLocked(cm.get(), [&](GLContext& c) {
+        GLContext* const context = &c;
         // The program is not tested first.
         context->gl().glValidateProgramARB(program_);
         GLint valid = 0;
@@ -148,11 +123,7 @@ void OpenGLFragmentShader::validate() {
             Exception::raise("Validation Error",
                              qrl::format("%@", "Shared validation error: " + getObjectErrorString(program_, context)));
         }
-    } catch (...) {
-        cm->unlockCGLContext(context);
-        throw;
-    }
-    cm->unlockCGLContext(context);
+    });
 }
 
 void OpenGLFragmentShader::use() {
