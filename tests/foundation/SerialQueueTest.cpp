@@ -18,26 +18,7 @@
 namespace qrl {
 namespace {
 
-// Collects platformLog lines for the life of the object.
-class CapturedLog {
-public:
-    CapturedLog() {
-        previous_ = setPlatformLogWriter([this](std::string_view line) {
-            std::lock_guard lock(mutex_);
-            lines_.emplace_back(line);
-        });
-    }
-    ~CapturedLog() { setPlatformLogWriter(previous_); }
-    std::vector<std::string> lines() {
-        std::lock_guard lock(mutex_);
-        return lines_;
-    }
-
-private:
-    std::mutex mutex_;
-    std::vector<std::string> lines_;
-    PlatformLogWriter previous_;
-};
+using CapturedLog = ::qrl::test::CapturedPlatformLog;
 
 // Returns once a sync() has run inline on the calling thread, which happens
 // only when the queue is idle (its worker has put its nodes back in the pool).

@@ -28,43 +28,6 @@
 
 namespace qrl::test {
 
-// Lines written to the platform log while it lives.
-class CapturedPlatformLog {
-public:
-    CapturedPlatformLog() {
-        previous_ = setPlatformLogWriter([this](std::string_view line) {
-            std::lock_guard lock(mutex_);
-            lines_.emplace_back(line);
-        });
-    }
-    ~CapturedPlatformLog() { setPlatformLogWriter(previous_); }
-    CapturedPlatformLog(const CapturedPlatformLog&) = delete;
-    CapturedPlatformLog& operator=(const CapturedPlatformLog&) = delete;
-
-    std::vector<std::string> lines() const {
-        std::lock_guard lock(mutex_);
-        return lines_;
-    }
-    std::size_t count(std::string_view line) const {
-        std::lock_guard lock(mutex_);
-        return static_cast<std::size_t>(std::count(lines_.begin(), lines_.end(), line));
-    }
-    std::size_t countContaining(std::string_view part) const {
-        std::lock_guard lock(mutex_);
-        return static_cast<std::size_t>(std::count_if(
-            lines_.begin(), lines_.end(), [&](const std::string& l) { return l.find(part) != std::string::npos; }));
-    }
-    void clear() {
-        std::lock_guard lock(mutex_);
-        lines_.clear();
-    }
-
-private:
-    mutable std::mutex mutex_;
-    std::vector<std::string> lines_;
-    PlatformLogWriter previous_;
-};
-
 // A handler as an application writes one: applies what it hears and keeps it.
 class RecordingHandler : public LoggingChangeHandler {
 public:

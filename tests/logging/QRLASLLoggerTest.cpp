@@ -18,6 +18,7 @@
 #include "qrl/foundation/PlatformLog.h"
 #include "qrl/logging/ThreadLogger.h"
 #include "qrl/logging/detail/UniqueFd.h"
+#include "support/TestSupport.h"
 
 namespace qrl {
 namespace {
@@ -65,26 +66,7 @@ private:
     bool bound_ = false;
 };
 
-// Collects the platform log's lines for the length of a test.
-class PlatformLines {
-public:
-    PlatformLines() {
-        previous_ = setPlatformLogWriter([this](std::string_view line) {
-            std::lock_guard lock(mutex_);
-            lines_.emplace_back(line);
-        });
-    }
-    ~PlatformLines() { setPlatformLogWriter(previous_); }
-    std::vector<std::string> lines() {
-        std::lock_guard lock(mutex_);
-        return lines_;
-    }
-
-private:
-    std::mutex mutex_;
-    std::vector<std::string> lines_;
-    PlatformLogWriter previous_;
-};
+using PlatformLines = ::qrl::test::CapturedPlatformLog;
 
 void logAt(int32_t level, int32_t flag, const char* text) {
     QRLLog::log(false, level, flag, 1, __FILE__, __func__, __LINE__, "%s", text);

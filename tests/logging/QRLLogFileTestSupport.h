@@ -21,6 +21,7 @@
 #include "qrl/foundation/PlatformLog.h"
 #include "qrl/logging/QRLLog.h"
 #include "qrl/logging/detail/LogFileAttributes.h"
+#include "support/TestSupport.h"
 
 namespace qrl::test {
 
@@ -105,39 +106,7 @@ inline std::string shellQuoted(const std::string& text) {
     return out + "'";
 }
 
-// Collects the platform log's lines for the scope instead of writing them.
-class PlatformLogCapture {
-public:
-    PlatformLogCapture() {
-        previous_ = setPlatformLogWriter([this](std::string_view line) {
-            std::lock_guard lock(mutex_);
-            lines_.emplace_back(line);
-        });
-    }
-    ~PlatformLogCapture() { setPlatformLogWriter(previous_); }
-    PlatformLogCapture(const PlatformLogCapture&) = delete;
-    PlatformLogCapture& operator=(const PlatformLogCapture&) = delete;
-
-    std::vector<std::string> lines() const {
-        std::lock_guard lock(mutex_);
-        return lines_;
-    }
-    size_t countContaining(const std::string& part) const {
-        size_t n = 0;
-        for (const auto& line : lines())
-            if (line.find(part) != std::string::npos) ++n;
-        return n;
-    }
-    void clear() {
-        std::lock_guard lock(mutex_);
-        lines_.clear();
-    }
-
-private:
-    PlatformLogWriter previous_;
-    mutable std::mutex mutex_;
-    std::vector<std::string> lines_;
-};
+using PlatformLogCapture = ::qrl::test::CapturedPlatformLog;
 
 // Installs an attribute port for the scope.
 class ScopedLogFileAttributes {

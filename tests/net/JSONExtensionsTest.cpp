@@ -17,38 +17,29 @@
 #include "qrl/foundation/PlatformLog.h"
 #include "qrl/net/QRLJsonParser.h"
 #include "qrl/net/QRLJsonWriter.h"
+#include "support/TestSupport.h"
 
 namespace qrl {
 namespace {
 
-class CapturedLog {
-public:
-    CapturedLog() {
-        previous_ = setPlatformLogWriter([this](std::string_view line) { lines.emplace_back(line); });
-    }
-    ~CapturedLog() { setPlatformLogWriter(previous_); }
-    std::vector<std::string> lines;
-
-private:
-    PlatformLogWriter previous_;
-};
+using CapturedLog = ::qrl::test::CapturedPlatformLog;
 
 TEST(JSONExtensions, ConvertOrLogTheTrace) {
     CapturedLog log;
     EXPECT_EQ(JSONValue("{\"a\":[1,\"x\"]}"), Value::dictionary({{"a", Value::array({1, "x"})}}));
     EXPECT_EQ(JSONRepresentation(Value::dictionary({{"a", Value::array({1, "x"})}})), "{\"a\":[1,\"x\"]}");
-    EXPECT_TRUE(log.lines.empty());
+    EXPECT_TRUE(log.lines().empty());
 
     EXPECT_TRUE(JSONValue("[01]").isNull());
-    ASSERT_EQ(log.lines.size(), 1u);
-    EXPECT_EQ(log.lines[0].rfind("-JSONValue failed. Error trace is: ", 0), 0u) << log.lines[0];
-    EXPECT_NE(log.lines[0].find("Leading 0 disallowed in number"), std::string::npos);
-    EXPECT_NE(log.lines[0].find("Expected value while parsing array"), std::string::npos);
+    ASSERT_EQ(log.lines().size(), 1u);
+    EXPECT_EQ(log.lines()[0].rfind("-JSONValue failed. Error trace is: ", 0), 0u) << log.lines()[0];
+    EXPECT_NE(log.lines()[0].find("Leading 0 disallowed in number"), std::string::npos);
+    EXPECT_NE(log.lines()[0].find("Expected value while parsing array"), std::string::npos);
 
     EXPECT_EQ(JSONRepresentation(Value("fragment")), std::nullopt);
-    ASSERT_EQ(log.lines.size(), 2u);
-    EXPECT_EQ(log.lines[1].rfind("-JSONRepresentation failed. Error trace is: ", 0), 0u) << log.lines[1];
-    EXPECT_NE(log.lines[1].find("Not valid type for JSON"), std::string::npos);
+    ASSERT_EQ(log.lines().size(), 2u);
+    EXPECT_EQ(log.lines()[1].rfind("-JSONRepresentation failed. Error trace is: ", 0), 0u) << log.lines()[1];
+    EXPECT_NE(log.lines()[1].find("Not valid type for JSON"), std::string::npos);
 }
 
 void appendUTF8(std::string& s, uint32_t cp) {

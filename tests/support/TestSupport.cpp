@@ -11,4 +11,37 @@ ScopedSimulatedClock::ScopedSimulatedClock(double frequency, uint64_t start)
 
 ScopedSimulatedClock::~ScopedSimulatedClock() { qrl_install_clock(previous_); }
 
+CapturedPlatformLog::CapturedPlatformLog() {
+    previous_ = setPlatformLogWriter([this](std::string_view line) {
+        std::lock_guard lock(mutex_);
+        lines_.emplace_back(line);
+    });
+}
+
+CapturedPlatformLog::~CapturedPlatformLog() { setPlatformLogWriter(previous_); }
+
+std::vector<std::string> CapturedPlatformLog::lines() const {
+    std::lock_guard lock(mutex_);
+    return lines_;
+}
+
+std::size_t CapturedPlatformLog::count(std::string_view line) const {
+    std::lock_guard lock(mutex_);
+    std::size_t n = 0;
+    for (const std::string& l : lines_) n += l == line;
+    return n;
+}
+
+std::size_t CapturedPlatformLog::countContaining(std::string_view part) const {
+    std::lock_guard lock(mutex_);
+    std::size_t n = 0;
+    for (const std::string& l : lines_) n += l.find(part) != std::string::npos;
+    return n;
+}
+
+void CapturedPlatformLog::clear() {
+    std::lock_guard lock(mutex_);
+    lines_.clear();
+}
+
 }  // namespace qrl::test

@@ -1,11 +1,17 @@
 // Helpers shared by the test programs: a simulated clock installed for the
-// length of a test, and a scoped guard that counts heap allocations.
+// length of a test, the platform log's lines captured for the length of a
+// test, and a count of heap allocations.
 #pragma once
 
 #include <cstddef>
 #include <memory>
+#include <mutex>
+#include <string>
+#include <string_view>
+#include <vector>
 
 #include "qrl/foundation/Clock.h"
+#include "qrl/foundation/PlatformLog.h"
 
 namespace qrl::test {
 
@@ -24,6 +30,26 @@ public:
 private:
     std::shared_ptr<SimulatedClock> clock_;
     std::shared_ptr<Clock> previous_;
+};
+
+// Collects the platform log's lines, from any thread, for the lifetime of
+// the object, and puts the previous writer back.
+class CapturedPlatformLog {
+public:
+    CapturedPlatformLog();
+    ~CapturedPlatformLog();
+    CapturedPlatformLog(const CapturedPlatformLog&) = delete;
+    CapturedPlatformLog& operator=(const CapturedPlatformLog&) = delete;
+
+    std::vector<std::string> lines() const;
+    std::size_t count(std::string_view line) const;            // lines equal to `line`
+    std::size_t countContaining(std::string_view part) const;  // lines holding `part`
+    void clear();
+
+private:
+    mutable std::mutex mutex_;
+    std::vector<std::string> lines_;
+    PlatformLogWriter previous_;
 };
 
 // Number of global operator new calls made on this thread since the program

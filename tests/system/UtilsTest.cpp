@@ -20,15 +20,7 @@
 namespace qrl {
 namespace {
 
-struct PlatformLines {
-    PlatformLines() {
-        previous = setPlatformLogWriter([this](std::string_view m) { lines.emplace_back(m); });
-    }
-    ~PlatformLines() { setPlatformLogWriter(previous); }
-    int count(const std::string& s) const { return static_cast<int>(std::count(lines.begin(), lines.end(), s)); }
-    PlatformLogWriter previous;
-    std::vector<std::string> lines;
-};
+using PlatformLines = ::qrl::test::CapturedPlatformLog;
 
 TEST(Utils, FittingAndCentring) {
     EXPECT_EQ(Utils::centerSizeWithinRect(NSMakeSize(100, 100), CGRectMake(0, 0, 200, 100)), CGRectMake(50, 0, 100, 100));
@@ -77,7 +69,7 @@ TEST(Utils, ClassicRects) {
     Utils::dumpRect("r", Rect{1, 2, 3, 4});
     Utils::dumpRectNsRect("n", NSMakeRect(1, 2, 3, 4));
     Utils::dumpRectCgRect("c", NSMakeRect(1.5, 2, 3, 4));
-    EXPECT_EQ(log.lines, (std::vector<std::string>{"[Rect] r  1,2,4,3", "[NSRect] n  1.000000,2.000000,3.000000,4.000000",
+    EXPECT_EQ(log.lines(), (std::vector<std::string>{"[Rect] r  1,2,4,3", "[NSRect] n  1.000000,2.000000,3.000000,4.000000",
                                                    "[CGRect] c  1.500000,2.000000,3.000000,4.000000"}));
 }
 
@@ -139,22 +131,22 @@ TEST_F(UtilsOnScreens, WakingASleepingDisplay) {
         }
     });
     Utils::wakeUpIfASleep(*provider);
-    EXPECT_EQ(log.count("Waiting for display to wake up..."), 2);
+    EXPECT_EQ(log.count("Waiting for display to wake up..."), 2u);
     EXPECT_EQ(clock_.clock().now() - t0, static_cast<uint64_t>(2 * 24'000'000));
     EXPECT_EQ(displays_->counters().cursorMoves, 4);
     EXPECT_EQ(displays_->lastCursorMove()->second, CGPointMake(1, 1));
 
     // With a card there is nothing to do.
     Utils::wakeUpIfASleep(*provider);
-    EXPECT_EQ(log.count("Card count is 1. Not bothering to wake displays..."), 1);
+    EXPECT_EQ(log.count("Card count is 1. Not bothering to wake displays..."), 1u);
 
     // Nothing ever wakes: fifteen one-second passes.
     renderers_->setRenderers({});
     provider->refreshCachedDisplays();
-    log.lines.clear();
+    log.clear();
     const uint64_t t1 = clock_.clock().now();
     Utils::wakeUpIfASleep(*provider);
-    EXPECT_EQ(log.count("Waiting for display to wake up..."), 15);
+    EXPECT_EQ(log.count("Waiting for display to wake up..."), 15u);
     EXPECT_EQ(clock_.clock().now() - t1, static_cast<uint64_t>(15 * 24'000'000));
 }
 

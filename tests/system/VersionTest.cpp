@@ -13,19 +13,12 @@
 #include "qrl/system/Utils.h"
 #include "qrl/system/linux/SystemFactsLinux.h"
 #include "qrl/system/sim/SystemFactsSim.h"
+#include "support/TestSupport.h"
 
 namespace qrl {
 namespace {
 
-// Collects the platform log for the scope.
-struct PlatformLines {
-    PlatformLines() {
-        previous = setPlatformLogWriter([this](std::string_view m) { lines.emplace_back(m); });
-    }
-    ~PlatformLines() { setPlatformLogWriter(previous); }
-    PlatformLogWriter previous;
-    std::vector<std::string> lines;
-};
+using PlatformLines = ::qrl::test::CapturedPlatformLog;
 
 struct TempDir {
     TempDir() {
@@ -60,7 +53,7 @@ TEST(Version, FromText) {
     }
     PlatformLines log;
     EXPECT_FALSE(Version::initWithVersionString(std::nullopt));
-    EXPECT_EQ(log.lines, std::vector<std::string>{"Couldn't build version string from (null). Didn't contain any . chars"});
+    EXPECT_EQ(log.lines(), std::vector<std::string>{"Couldn't build version string from (null). Didn't contain any . chars"});
     EXPECT_EQ(Version().description(), "0.0.0");
     EXPECT_EQ(Version(10, 6, 8).description(), "10.6.8");
 }
@@ -104,9 +97,9 @@ TEST(Version, FromABundle) {
     EXPECT_FALSE(Version::initWithBundlePath(missing));
     EXPECT_FALSE(Version::initWithBundlePath((dir.path / "Garbage.app").string()));
     EXPECT_FALSE(Version::initWithBundlePath((dir.path / "NoKey.app").string()));
-    ASSERT_EQ(log.lines.size(), 3u);
-    EXPECT_EQ(log.lines[0], "No bundle at path " + missing);
-    EXPECT_EQ(log.lines[2], "Couldn't build version string from (null). Didn't contain any . chars");
+    ASSERT_EQ(log.lines().size(), 3u);
+    EXPECT_EQ(log.lines()[0], "No bundle at path " + missing);
+    EXPECT_EQ(log.lines()[2], "Couldn't build version string from (null). Didn't contain any . chars");
     EXPECT_EQ(propertyListString("<dict><key>a</key><integer>1</integer></dict>", "a"), std::nullopt);
     EXPECT_EQ(propertyListString("<dict><key>a</key><string>&lt;&bogus;&gt;</string></dict>", "a"), "<&bogus;>");
 }
