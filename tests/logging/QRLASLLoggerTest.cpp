@@ -17,7 +17,7 @@
 #include "logging/CapturingLogger.h"
 #include "qrl/foundation/PlatformLog.h"
 #include "qrl/logging/ThreadLogger.h"
-#include "qrl/logging/detail/UniqueFd.h"
+#include "qrl/foundation/detail/UniqueFd.h"
 #include "support/TestSupport.h"
 
 namespace qrl {

@@ -16,7 +16,7 @@
 #include "logging/CapturingLogger.h"
 #include "qrl/foundation/Format.h"
 #include "qrl/logging/ThreadLogger.h"
-#include "qrl/logging/detail/UniqueFd.h"
+#include "qrl/foundation/detail/UniqueFd.h"
 
 namespace qrl {
 namespace {

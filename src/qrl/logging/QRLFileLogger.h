@@ -9,7 +9,7 @@
 
 #include "qrl/foundation/RunLoop.h"
 #include "qrl/logging/QRLAbstractLogger.h"
-#include "qrl/logging/detail/UniqueFd.h"
+#include "qrl/foundation/detail/UniqueFd.h"
 
 namespace qrl {
 

@@ -8,7 +8,7 @@
 #include <string_view>
 
 #include "qrl/foundation/Value.h"
-#include "qrl/logging/detail/UniqueFd.h"
+#include "qrl/foundation/detail/UniqueFd.h"
 
 namespace qrl::detail {
 

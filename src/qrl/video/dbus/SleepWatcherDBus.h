@@ -10,7 +10,7 @@
 #include <string>
 #include <thread>
 
-#include "qrl/video/detail/UniqueFd.h"
+#include "qrl/foundation/detail/UniqueFd.h"
 
 struct sd_bus;
 struct sd_bus_slot;

@@ -30,7 +30,7 @@
 #include <vector>
 
 #include "qrl/video/DisplayServer.h"
-#include "qrl/video/detail/UniqueFd.h"
+#include "qrl/foundation/detail/UniqueFd.h"
 #include "qrl/video/x11/X11Handles.h"
 
 namespace qrl {
