@@ -1,4 +1,5 @@
 #include "qrl/foundation/Value.h"
+#include "qrl/foundation/detail/CivilDate.h"
 
 #include <bit>
 #include <charconv>
@@ -463,20 +464,6 @@ void appendData(std::string& out, const Data& data) {
     out.push_back('>');
 }
 
-// Civil date from days since 1970-01-01 (proleptic Gregorian).
-void civilFromDays(int64_t z, int64_t& y, unsigned& m, unsigned& d) {
-    z += 719468;
-    const int64_t era = (z >= 0 ? z : z - 146096) / 146097;
-    const auto doe = static_cast<unsigned>(z - era * 146097);
-    const unsigned yoe = (doe - doe / 1460 + doe / 36524 - doe / 146096) / 365;
-    y = static_cast<int64_t>(yoe) + era * 400;
-    const unsigned doy = doe - (365 * yoe + yoe / 4 - yoe / 100);
-    const unsigned mp = (5 * doy + 2) / 153;
-    d = doy - (153 * mp + 2) / 5 + 1;
-    m = mp < 10 ? mp + 3 : mp - 9;
-    if (m <= 2) ++y;
-}
-
 void appendDate(std::string& out, Date date) {
     const int64_t ns = date.nanosecondsSinceEpoch;
     int64_t secs = ns / 1'000'000'000;
@@ -489,7 +476,7 @@ void appendDate(std::string& out, Date date) {
     }
     int64_t y;
     unsigned m, d;
-    civilFromDays(days, y, m, d);
+    detail::civilFromDays(days, y, m, d);
     char buf[64];
     char* p = buf;
     if (y < 0) *p++ = '-';

@@ -24,6 +24,7 @@
 #include "qrl/net/QRLJsonParser.h"
 #include "qrl/net/QRLJsonWriter.h"
 #include "qrl/foundation/Utf8.h"
+#include "qrl/foundation/detail/CivilDate.h"
 
 namespace qrl::detail {
 
@@ -118,29 +119,6 @@ std::optional<Value> decodeTag(std::string_view tag, const Value& payload) {
 }
 
 // ---- dates ---------------------------------------------------------------
-
-// Days since 1970-01-01 of a proleptic Gregorian date, and back.
-int64_t daysFromCivil(int64_t y, unsigned m, unsigned d) {
-    y -= m <= 2;
-    const int64_t era = (y >= 0 ? y : y - 399) / 400;
-    const auto yoe = static_cast<unsigned>(y - era * 400);
-    const unsigned doy = (153 * (m > 2 ? m - 3 : m + 9) + 2) / 5 + d - 1;
-    const unsigned doe = yoe * 365 + yoe / 4 - yoe / 100 + doy;
-    return era * 146097 + static_cast<int64_t>(doe) - 719468;
-}
-
-void civilFromDays(int64_t z, int64_t& y, unsigned& m, unsigned& d) {
-    z += 719468;
-    const int64_t era = (z >= 0 ? z : z - 146096) / 146097;
-    const auto doe = static_cast<unsigned>(z - era * 146097);
-    const unsigned yoe = (doe - doe / 1460 + doe / 36524 - doe / 146096) / 365;
-    y = static_cast<int64_t>(yoe) + era * 400;
-    const unsigned doy = doe - (365 * yoe + yoe / 4 - yoe / 100);
-    const unsigned mp = (5 * doy + 2) / 153;
-    d = doy - (153 * mp + 2) / 5 + 1;
-    m = mp < 10 ? mp + 3 : mp - 9;
-    y += m <= 2;
-}
 
 int64_t floorDiv(int64_t a, int64_t b) { return a / b - ((a % b != 0) && ((a < 0) != (b < 0))); }
 
@@ -316,7 +294,7 @@ std::string formatDefaultsDate(Date date) {
     const int64_t secondOfDay = seconds - days * 86400;
     int64_t year;
     unsigned month, day;
-    civilFromDays(days, year, month, day);
+    detail::civilFromDays(days, year, month, day);
     char buffer[64];
     std::snprintf(buffer, sizeof buffer, "%04lld-%02u-%02uT%02lld:%02lld:%02lld.%09lldZ", static_cast<long long>(year),
                   month, day, static_cast<long long>(secondOfDay / 3600), static_cast<long long>(secondOfDay / 60 % 60),
