@@ -16,6 +16,17 @@ namespace qrl {
 
 namespace {
 
+// The uniform's location; raises "No Uniform" when the program has none of
+// the name, with the caller's lock still held.
+GLint uniformLocation(GLContext& context, GLhandleARB program, const std::string& name, const char* kind) {
+    const GLint location = context.gl().glGetUniformLocationARB(program, name.c_str());
+    if (location == -1) {
+        Exception::raise("No Uniform",
+                         qrl::format("Can't set uniform for %@, to %@ value. Uniform not found.", name, kind));
+    }
+    return location;
+}
+
 std::string describeBundle(const Bundle* bundle) {
     if (!bundle) return "(null)";
     return qrl::format("Bundle <%@> (%@)", bundle->executablePath, bundle->identifier);
@@ -154,10 +165,7 @@ void OpenGLFragmentShader::setUniform(std::string_view name, double floatValue) 
     GLContext* context = cm ? cm->lockCurrentContext() : nullptr;
     if (!context) return;
     const std::string n(name);
-    const GLint location = context->gl().glGetUniformLocationARB(p, n.c_str());
-    if (location == -1) {
-        Exception::raise("No Uniform", qrl::format("Can't set uniform for %@, to float value. Uniform not found.", n));
-    }
+    const GLint location = uniformLocation(*context, p, n, "float");
     context->gl().glUniform1fARB(location, static_cast<GLfloat>(floatValue));
     cm->unlockCGLContext(context);
     cm->checkOpenGLError(escapeFormatText(qrl::format("Cannot set parameter %@ to %2.2f", n, floatValue)), context);
@@ -170,10 +178,7 @@ void OpenGLFragmentShader::setUniform(std::string_view name, int32_t intValue) {
     GLContext* context = cm ? cm->lockCurrentContext() : nullptr;
     if (!context) return;
     const std::string n(name);
-    const GLint location = context->gl().glGetUniformLocationARB(p, n.c_str());
-    if (location == -1) {
-        Exception::raise("No Uniform", qrl::format("Can't set uniform for %@, to int value. Uniform not found.", n));
-    }
+    const GLint location = uniformLocation(*context, p, n, "int");
     context->gl().glUniform1iARB(location, intValue);
     cm->unlockCGLContext(context);
     cm->checkOpenGLError(escapeFormatText(qrl::format("Cannot set parameter %@ to %ld", n, static_cast<long>(intValue))),
@@ -188,10 +193,7 @@ void OpenGLFragmentShader::setUniform3fvMatrix(std::string_view name, const std:
     GLContext* context = cm ? cm->lockCurrentContext() : nullptr;
     if (!context) return;
     const std::string n(name);
-    const GLint location = context->gl().glGetUniformLocationARB(p, n.c_str());
-    if (location == -1) {
-        Exception::raise("No Uniform", qrl::format("Can't set uniform for %@, to matrix value. Uniform not found.", n));
-    }
+    const GLint location = uniformLocation(*context, p, n, "matrix");
     context->gl().glUniformMatrix3fvARB(location, 1, transpose ? 1 : 0, matrix.data());
     cm->unlockCGLContext(context);
 }
