@@ -13,6 +13,7 @@
 #include <limits>
 #include <random>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -339,6 +340,46 @@ TEST(QRLJsonParser, AParserKeptAcrossDocumentsReadsLikeAFreshOne) {
     for (int i = 1; i < 100000; ++i) large += "," + std::to_string(i);
     EXPECT_EQ(kept.objectWithString(large + "]]")[size_t{0}].asArray()->size(), 100000u);
     EXPECT_LT(kept.objectWithString("[[1,2]]")[size_t{0}].asArray()->capacity(), 100u);
+}
+
+// A document's containers share blocks of memory that go when the last of
+// them does; the document is the caller's to keep, split, edit and drop on
+// any thread, after the parser is gone (checked under the sanitizers).
+TEST(QRLJsonParser, DocumentsOutliveTheirParserAndAreEditedAnywhere) {
+    std::string text = "[";
+    for (int i = 0; i < 300; ++i) {
+        if (i) text += ",";
+        text += "{\"id\":" + std::to_string(i) + ",\"tags\":[\"a long tag that needs the heap\",\"b\"],\"x\":{}}";
+    }
+    text += "]";
+    Value document;
+    {
+        QRLJsonParser parser;
+        document = parser.objectWithString(text);
+        const Value second = parser.objectWithString(text);  // dropped at once
+        ASSERT_EQ(second, document);
+    }
+    ASSERT_EQ(document.asArray()->size(), 300u);
+    std::vector<Value> items(document.asArray()->begin(), document.asArray()->end());
+    document = Value();
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 3; ++t) {
+        threads.emplace_back([&items, t] {
+            for (size_t i = static_cast<size_t>(t); i < items.size(); i += 3) {
+                Dictionary& item = *items[i].asDictionary();
+                for (int k = 0; k < 20; ++k) item.set("extra" + std::to_string(k), k);
+                item.find("tags")->asArray()->push_back(static_cast<int>(i));
+                item.find("x")->asDictionary()->set("y", "z");
+                ASSERT_EQ(item.get("id"), Value(static_cast<int>(i)));
+                ASSERT_EQ(item.get("tags")[size_t{0}], Value("a long tag that needs the heap"));
+                ASSERT_EQ(item.get("tags")[size_t{2}], Value(static_cast<int>(i)));
+                ASSERT_EQ(item.size(), 23u);
+                if (i % 2 == 0) items[i] = Value();
+            }
+        });
+    }
+    for (auto& thread : threads) thread.join();
+    EXPECT_EQ(items[1]["extra19"], Value(19));
 }
 
 TEST(QRLJsonParser, EscapesAndUnicode) {

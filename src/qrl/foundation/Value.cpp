@@ -79,9 +79,12 @@ uint64_t fingerprint(std::string_view key) {
 
 }  // namespace
 
-Dictionary::Dictionary(std::vector<std::pair<std::string, Value>> entries) : entries_(std::move(entries)) {
+Dictionary::Dictionary(std::vector<std::pair<std::string, Value>> entries)
+    : entries_(std::make_move_iterator(entries.begin()), std::make_move_iterator(entries.end())) {
     adoptEntries();
 }
+
+Dictionary::Dictionary(const ValueAllocator<Entry>& allocator) noexcept : entries_(allocator) {}
 
 // The entries are taken as they are; only a repeated key, found while the
 // index is built (or by comparing all pairs while the map is small), sends
@@ -127,8 +130,8 @@ void Dictionary::adoptEntries() {
     }
 }
 
-void Dictionary::setEach(std::vector<std::pair<std::string, Value>> entries) {
-    entries_ = {};
+void Dictionary::setEach(Entries entries) {
+    entries_ = Entries(entries.get_allocator());
     index_.reset();
     entries_.reserve(entries.size());
     for (auto& entry : entries) set(std::move(entry.first), std::move(entry.second));
@@ -304,8 +307,11 @@ Value::Value(std::shared_ptr<Object> o) {
 
 // ---------------------------------------------------------------- containers
 
-DictionaryBuilder::DictionaryBuilder(size_t expected)
-    : dictionary_(std::make_shared<Dictionary>()), entries_(&dictionary_.asDictionary()->entries_) {
+DictionaryBuilder::DictionaryBuilder(size_t expected, const ValueArena* arena)
+    : dictionary_(arena != nullptr ? std::allocate_shared<Dictionary>(arena->allocator<Dictionary>(),
+                                                                       arena->allocator<Dictionary::Entry>())
+                                   : std::make_shared<Dictionary>()),
+      entries_(&dictionary_.asDictionary()->entries_) {
     entries_->reserve(expected);
 }
 
@@ -318,8 +324,9 @@ Value Value::array(std::initializer_list<Value> items) { return Value(std::make_
 
 Value Value::array(Array items) { return Value(std::make_shared<Array>(std::move(items))); }
 
-Value Value::arrayWithCapacity(size_t capacity) {
-    auto a = std::make_shared<Array>();
+Value Value::arrayWithCapacity(size_t capacity, const ValueArena* arena) {
+    auto a = arena != nullptr ? std::allocate_shared<Array>(arena->allocator<Array>(), arena->allocator<Value>())
+                              : std::make_shared<Array>();
     a->reserve(capacity);
     return Value(std::move(a));
 }

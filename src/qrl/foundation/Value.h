@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "qrl/foundation/Decimal.h"
+#include "qrl/foundation/ValueArena.h"
 
 namespace qrl {
 
@@ -45,7 +46,8 @@ struct Date {
     friend auto operator<=>(const Date&, const Date&) = default;
 };
 
-using Array = std::vector<Value>;
+// Arrays are vectors whose memory may come from a ValueArena.
+using Array = std::vector<Value, ValueAllocator<Value>>;
 class Dictionary;
 
 class Value {
@@ -82,8 +84,9 @@ public:
     // position and takes the last value.
     static Value array(Array items);
     static Value dictionary(std::vector<std::pair<std::string, Value>> entries);
-    // A new, empty array with room for `capacity` elements.
-    static Value arrayWithCapacity(size_t capacity);
+    // A new, empty array with room for `capacity` elements, made in the
+    // arena when one is given (and open).
+    static Value arrayWithCapacity(size_t capacity, const ValueArena* arena = nullptr);
 
     Type type() const { return type_; }
     bool isNull() const { return type() == Type::Null; }
@@ -259,7 +262,12 @@ private:
 // that share one across threads lock around it.
 class Dictionary {
 public:
+    using Entry = std::pair<std::string, Value>;
+    using Entries = std::vector<Entry, ValueAllocator<Entry>>;
+
     Dictionary() noexcept;
+    // Empty, its entries to be kept by `allocator`.
+    explicit Dictionary(const ValueAllocator<Entry>& allocator) noexcept;
     Dictionary(std::initializer_list<std::pair<std::string, Value>> items);
     // Takes the entries in their order; a key that comes again keeps its
     // first position and takes the last value.
@@ -283,7 +291,7 @@ public:
 
     // Keys and entries in insertion order.
     std::vector<std::string> keys() const;
-    const std::vector<std::pair<std::string, Value>>& entries() const { return entries_; }
+    const Entries& entries() const { return entries_; }
 
     // Iteration in insertion order over std::pair<std::string, Value>.
     auto begin() const { return entries().begin(); }
@@ -292,7 +300,7 @@ public:
 private:
     // Value semantics: copying a Dictionary copies its entries. A hash index
     // over the keys is kept once the map grows past a few entries.
-    std::vector<std::pair<std::string, Value>> entries_;
+    Entries entries_;
     struct Index;
     std::unique_ptr<Index> index_;  // null while small
 
@@ -301,7 +309,7 @@ private:
     size_t indexOf(std::string_view key) const;  // npos when absent
     void rebuildIndex();
     void adoptEntries();  // checks entries_ filled wholesale for repeats, builds the index
-    void setEach(std::vector<std::pair<std::string, Value>> entries);
+    void setEach(Entries entries);
     friend class DictionaryBuilder;  // appends in place
 };
 
@@ -311,8 +319,9 @@ private:
 // time.
 class DictionaryBuilder {
 public:
-    // Room for about `expected` entries.
-    explicit DictionaryBuilder(size_t expected);
+    // Room for about `expected` entries; the dictionary is made in the
+    // arena when one is given (and open).
+    explicit DictionaryBuilder(size_t expected, const ValueArena* arena = nullptr);
     DictionaryBuilder(DictionaryBuilder&&) noexcept = default;
     DictionaryBuilder& operator=(DictionaryBuilder&&) noexcept = default;
 
@@ -335,7 +344,7 @@ public:
 
 private:
     Value dictionary_;
-    std::vector<std::pair<std::string, Value>>* entries_;  // inside dictionary_
+    Dictionary::Entries* entries_;  // inside dictionary_
 };
 
 }  // namespace qrl

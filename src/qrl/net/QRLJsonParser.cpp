@@ -117,8 +117,16 @@ Value QRLJsonParser::parse(const char* text, size_t length, bool present) {
     arrays_.clear();
     objects_.clear();
     frames_.clear();
-    Value value = scanDocument();
-    releaseScratch();
+    Value value;
+    {
+        // A document's containers are carved from shared blocks; what they
+        // allocate once the document is handed out comes from the heap.
+        const ValueArena arena;
+        arena_ = &arena;
+        value = scanDocument();
+        releaseScratch();
+        arena_ = nullptr;
+    }
     if (failed_) return Value();
     if (!scanIsAtEnd()) {
         addErrorWithCode(kQRLJsonErrorGarbage, "Garbage after JSON");
@@ -260,7 +268,7 @@ Value QRLJsonParser::scanDocument() {
                 if (*c_ == '[') {
                     ++c_;
                     if (!enterContainer()) return failInValue();
-                    arrays_.push_back(Value::arrayWithCapacity(expectedSize(false)));
+                    arrays_.push_back(Value::arrayWithCapacity(expectedSize(false), arena_));
                     frames_.push_back(Frame{arrays_.back().asArray().get(), nullptr, false});
                     state = State::ArrayNext;
                     break;
@@ -268,7 +276,7 @@ Value QRLJsonParser::scanDocument() {
                 if (*c_ == '{') {
                     ++c_;
                     if (!enterContainer()) return failInValue();
-                    objects_.emplace_back(expectedSize(true));
+                    objects_.emplace_back(expectedSize(true), arena_);
                     frames_.push_back(Frame{nullptr, nullptr, true});
                     state = State::ObjectNext;
                     break;

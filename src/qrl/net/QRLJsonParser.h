@@ -84,6 +84,8 @@ private:
     };
     std::vector<Sizes> expectedSizes_;
     static constexpr size_t kLargestGuess = 1u << 20;
+    // Where the document's containers are made while it is read.
+    const ValueArena* arena_ = nullptr;
 };
 
 }  // namespace qrl

@@ -1,0 +1,216 @@
+#include "qrl/foundation/ValueArena.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <random>
+#include <thread>
+#include <vector>
+
+#include "qrl/foundation/Value.h"
+#include "support/TestSupport.h"
+
+namespace qrl {
+namespace {
+
+// A nested document made inside `arena`: n dictionaries, each holding an
+// array of three numbers and a string longer than the short-string room.
+Value buildDocument(const ValueArena* arena, int n) {
+    Value top = Value::arrayWithCapacity(static_cast<size_t>(n), arena);
+    for (int i = 0; i < n; ++i) {
+        DictionaryBuilder builder(2, arena);
+        Value list = Value::arrayWithCapacity(3, arena);
+        for (int k = 0; k < 3; ++k) list.asArray()->push_back(i * 10 + k);
+        builder.append("list") = std::move(list);
+        builder.append("name") = "a name longer than sixteen bytes #" + std::to_string(i);
+        top.asArray()->push_back(builder.finish());
+    }
+    return top;
+}
+
+Value expectedDocument(int n) {
+    Value top = Value::array();
+    for (int i = 0; i < n; ++i) {
+        top.asArray()->push_back(Value::dictionary(
+            {{"list", Value::array({i * 10, i * 10 + 1, i * 10 + 2})},
+             {"name", "a name longer than sixteen bytes #" + std::to_string(i)}}));
+    }
+    return top;
+}
+
+TEST(ValueArenaTest, ContainersOutliveTheArenaThatMadeThem) {
+    Value document;
+    size_t used = 0;
+    {
+        const ValueArena arena;
+        document = buildDocument(&arena, 500);
+        used = arena.bytesUsed();
+        EXPECT_GT(used, 500u * 100);
+        EXPECT_GE(arena.bytesReserved(), used);
+    }
+    EXPECT_EQ(document, expectedDocument(500));
+    // Parts kept after the rest is gone still read back whole.
+    const Value kept = document[250];
+    const Value list = kept["list"];
+    document = Value();
+    EXPECT_EQ(kept["name"], Value("a name longer than sixteen bytes #250"));
+    EXPECT_EQ(list, Value::array({2500, 2501, 2502}));
+}
+
+TEST(ValueArenaTest, CarvingTakesFewHeapBlocksAndClosedArenasUseTheHeap) {
+    if (!test::allocationCountingAvailable()) GTEST_SKIP() << "allocation counting is not linked in";
+    size_t carved = 0;
+    Value document;
+    {
+        const ValueArena arena;
+        const size_t before = test::allocationCount();
+        document = buildDocument(&arena, 200);
+        carved = test::allocationCount() - before;
+    }
+    const size_t before = test::allocationCount();
+    const Value onHeap = buildDocument(nullptr, 200);
+    const size_t plain = test::allocationCount() - before;
+    // Each dictionary's long string is still the heap's; the containers are not.
+    EXPECT_LT(carved, 200u + 40u);
+    EXPECT_GE(plain, 200u * 5);
+    EXPECT_EQ(document, onHeap);
+
+    // Growing a container after its arena closed goes to the heap, and the
+    // piece it leaves is given back to the blocks.
+    Array& list = *document[7]["list"].asArray();
+    const size_t beforeGrowth = test::allocationCount();
+    for (int k = 0; k < 100; ++k) list.push_back(k);
+    EXPECT_GT(test::allocationCount(), beforeGrowth);
+    EXPECT_EQ(list.size(), 103u);
+    EXPECT_EQ(list[2], Value(72));
+    EXPECT_EQ(list[102], Value(99));
+}
+
+TEST(ValueArenaTest, CopiesAreTheHeapsAndMovesTakeTheBlocksAlong) {
+    Array copied;
+    Array moved;
+    Dictionary taken;
+    {
+        const ValueArena arena;
+        Value document = buildDocument(&arena, 50);
+        copied = *document.asArray();                       // elements copied, own buffer
+        moved = std::move(*document[3]["list"].asArray());  // the buffer itself
+        taken = std::move(*document[4].asDictionary());     // the entries' buffer
+        // Leaving the scope drops everything else made in the arena.
+    }
+    EXPECT_EQ(copied.size(), 50u);
+    EXPECT_EQ(copied[3]["name"], Value("a name longer than sixteen bytes #3"));
+    EXPECT_EQ(moved, (Array{30, 31, 32}));
+    moved.clear();
+    moved.shrink_to_fit();  // the last carved piece given back: the blocks go
+    moved.push_back(1);     // and the allocator goes on with the heap
+    EXPECT_EQ(moved, Array{1});
+    EXPECT_EQ(taken.keys(), (std::vector<std::string>{"list", "name"}));
+    taken.set("third", 3);  // grows on the heap
+    EXPECT_EQ(taken.get("name"), Value("a name longer than sixteen bytes #4"));
+    EXPECT_EQ(taken.get("third"), Value(3));
+
+    // Swaps exchange allocators with the buffers.
+    Array a{1, 2};
+    {
+        const ValueArena arena;
+        Array b(arena.allocator<Value>());
+        b.assign({3, 4, 5});
+        std::swap(a, b);
+        EXPECT_EQ(b, (Array{1, 2}));
+    }
+    EXPECT_EQ(a, (Array{3, 4, 5}));
+}
+
+TEST(ValueArenaTest, AnInnerArenaHidesTheOuterOneUntilItCloses) {
+    Value outerMade;
+    Value innerMade;
+    {
+        const ValueArena outer;
+        outerMade = Value::arrayWithCapacity(4, &outer);
+        {
+            const ValueArena inner;
+            innerMade = buildDocument(&inner, 10);
+            // Outer's containers grow on the heap while it is hidden.
+            for (int i = 0; i < 4; ++i) outerMade.asArray()->push_back(i);
+            const size_t outerUsed = outer.bytesUsed();
+            outerMade.asArray()->reserve(64);
+            EXPECT_EQ(outer.bytesUsed(), outerUsed);
+        }
+        const size_t outerUsed = outer.bytesUsed();
+        outerMade.asArray()->reserve(128);  // carved again
+        EXPECT_GT(outer.bytesUsed(), outerUsed);
+    }
+    EXPECT_EQ(innerMade, expectedDocument(10));
+    EXPECT_EQ(*outerMade.asArray(), (Array{0, 1, 2, 3}));
+}
+
+TEST(ValueArenaTest, LargePiecesAndFailedBuildsLoseNothing) {
+    {
+        const ValueArena arena;
+        Value big = Value::arrayWithCapacity(100000, &arena);  // from the heap
+        EXPECT_LT(arena.bytesUsed(), 4096u);
+        for (int i = 0; i < 10; ++i) big.asArray()->push_back(i);
+        big.asArray()->shrink_to_fit();  // carved, the heap buffer freed
+        EXPECT_EQ(big.asArray()->size(), 10u);
+        // A build given up half way: everything dropped before closing.
+        Value partial = buildDocument(&arena, 30);
+        partial = Value();
+    }
+    // Nothing made at all.
+    { const ValueArena empty; }
+    SUCCEED();  // the sanitizers check what was freed
+}
+
+// Documents made on one thread are taken apart on several others at once;
+// the blocks go exactly once, after the last piece (checked under the
+// address and thread sanitizers).
+TEST(ValueArenaTest, PiecesAreReleasedFromAnyThread) {
+    std::mt19937 random(5);
+    for (int round = 0; round < 20; ++round) {
+        Value document;
+        {
+            const ValueArena arena;
+            document = buildDocument(&arena, 400);
+        }
+        std::vector<Value> parts;
+        for (size_t i = 0; i < 400; ++i) parts.push_back(document[i]);
+        document = Value();
+        std::shuffle(parts.begin(), parts.end(), random);
+        std::vector<std::thread> threads;
+        for (int t = 0; t < 4; ++t) {
+            std::vector<Value> share(parts.begin() + t * 100, parts.begin() + (t + 1) * 100);
+            threads.emplace_back([share = std::move(share)]() mutable {
+                for (Value& part : share) {
+                    // Edited here (on the heap), then dropped.
+                    part.asDictionary()->set("more", Value::array({1, 2, 3}));
+                    part.asDictionary()->find("list")->asArray()->push_back(4);
+                    part = Value();
+                }
+            });
+        }
+        parts.clear();
+        for (auto& thread : threads) thread.join();
+    }
+}
+
+#if defined(__SANITIZE_ADDRESS__)
+// Released pieces are marked unusable inside the blocks, as freed heap
+// memory is.
+TEST(ValueArenaDeathTest, TheAddressSanitizerSeesUseOfAReleasedPiece) {
+    EXPECT_DEATH(
+        {
+            const ValueArena arena;
+            Value list = Value::arrayWithCapacity(8, &arena);
+            list.asArray()->push_back(1);
+            const Value* first = &(*list.asArray())[0];
+            list.asArray()->shrink_to_fit();  // a new piece; the old one is released
+            if (first->isNull()) std::abort();
+        },
+        "use-after-poison");
+}
+#endif
+
+}  // namespace
+}  // namespace qrl
