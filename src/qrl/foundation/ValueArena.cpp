@@ -2,6 +2,7 @@
 
 #include <sys/mman.h>
 
+#include <algorithm>
 #include <atomic>
 #include <mutex>
 
@@ -32,11 +33,12 @@ namespace {
 // Blocks are mapped from the kernel, all of one size, and kept for the next
 // arena when they are released: a program that reads one large document
 // after another would otherwise fault every page of its memory in again for
-// each one (the C library hands freed heap tops back to the kernel). Kept
-// blocks are marked lazily freeable, so the kernel may still take their
-// pages back when it runs short; their contents do not matter. Mapped
-// memory is committed page by page as it is touched, so a small document
-// costs a page or two of its first block, not the whole block.
+// each one (the C library hands freed heap tops back to the kernel, and
+// marking kept blocks lazily freeable costs as much on their next use). At
+// most 32 MiB are kept, as the C library's own heap keeps freed memory once
+// its thresholds have grown; ValueArena::releaseKeptBlocks() hands them
+// back. Mapped memory is committed page by page as it is touched, so a
+// small document costs a page or two of its first block.
 constexpr size_t kBlockSize = size_t{256} << 10;
 constexpr size_t kMostKeptBlocks = 128;  // 32 MiB
 
@@ -64,9 +66,6 @@ void* takeBlock() {
 
 void giveBlock(void* block) noexcept {
     QRL_ARENA_UNPOISON(block, kBlockSize);
-#ifdef MADV_FREE
-    ::madvise(block, kBlockSize, MADV_FREE);
-#endif
     KeptBlocks& kept = keptBlocks();
     {
         const std::lock_guard<std::mutex> lock(kept.mutex);
@@ -193,6 +192,20 @@ ValueArena::~ValueArena() {
     }
     // From here on the pieces may be freed on any thread.
     blocks_->livePieces.store(pieces, std::memory_order_release);
+}
+
+size_t ValueArena::releaseKeptBlocks() noexcept {
+    detail::KeptBlocks& kept = detail::keptBlocks();
+    void* blocks[detail::kMostKeptBlocks];
+    size_t count = 0;
+    {
+        const std::lock_guard<std::mutex> lock(kept.mutex);
+        count = kept.count;
+        std::copy_n(kept.blocks, count, blocks);
+        kept.count = 0;
+    }
+    for (size_t i = 0; i < count; ++i) ::munmap(blocks[i], detail::kBlockSize);
+    return count * detail::kBlockSize;
 }
 
 size_t ValueArena::bytesUsed() const noexcept { return blocks_->used; }

@@ -4,7 +4,7 @@
 // one by one is most of the cost of reading. While a ValueArena is open,
 // containers made with its allocator take their memory from blocks of
 // 256 KiB instead, piece after piece. Released blocks are kept for the
-// next arena (up to 32 MiB, which the kernel may reclaim under pressure).
+// next arena, up to 32 MiB; releaseKeptBlocks() hands them back.
 //
 // Lifetime: the blocks go back to the heap when the last piece carved from
 // them is released, wherever the containers have gone by then (other
@@ -55,7 +55,12 @@ public:
         return ValueAllocator<T>(blocks_);
     }
 
-    // Bytes carved so far, and bytes of blocks taken from the heap.
+    // Hands the blocks kept for later arenas back to the kernel (after a
+    // burst of large documents, or when memory is short); answers their
+    // size in bytes.
+    static size_t releaseKeptBlocks() noexcept;
+
+    // Bytes carved so far, and bytes of blocks taken for this arena.
     size_t bytesUsed() const noexcept;
     size_t bytesReserved() const noexcept;
 

@@ -119,10 +119,13 @@ Value QRLJsonParser::parse(const char* text, size_t length, bool present) {
     frames_.clear();
     Value value;
     {
-        // A document's containers are carved from shared blocks; what they
-        // allocate once the document is handed out comes from the heap.
-        const ValueArena arena;
-        arena_ = &arena;
+        // The containers of a document of some size are carved from shared
+        // blocks; what they allocate once it is handed out comes from the
+        // heap. A small one (a preferences file, a message) would keep a
+        // whole block for as long as any part of it is kept, for little
+        // gain: its containers come from the heap.
+        std::optional<ValueArena> arena;
+        if (length >= kSmallestCarvedText) arena_ = &arena.emplace();
         value = scanDocument();
         releaseScratch();
         arena_ = nullptr;

@@ -86,6 +86,7 @@ private:
     static constexpr size_t kLargestGuess = 1u << 20;
     // Where the document's containers are made while it is read.
     const ValueArena* arena_ = nullptr;
+    static constexpr size_t kSmallestCarvedText = 4096;
 };
 
 }  // namespace qrl
