@@ -2,7 +2,11 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <atomic>
 #include <cstdlib>
 #include <random>
 #include <thread>
@@ -208,6 +212,35 @@ TEST(ValueArenaTest, PiecesAreReleasedFromAnyThread) {
         parts.clear();
         for (auto& thread : threads) thread.join();
     }
+}
+
+// A fork while other threads release blocks leaves the child a usable
+// list of kept blocks.
+TEST(ValueArenaTest, AChildProcessReadsAfterAForkAmidReleases) {
+    std::atomic<bool> stop{false};
+    std::thread releaser([&stop] {
+        while (!stop.load()) {
+            const ValueArena arena;
+            const Value dropped = buildDocument(&arena, 3000);  // more than one block
+        }
+    });
+    for (int i = 0; i < 5; ++i) {
+        const pid_t child = ::fork();
+        ASSERT_GE(child, 0);
+        if (child == 0) {
+            Value document;
+            {
+                const ValueArena arena;
+                document = buildDocument(&arena, 3000);
+            }
+            ::_exit(document == expectedDocument(3000) ? 0 : 1);
+        }
+        int status = 0;
+        ASSERT_EQ(::waitpid(child, &status, 0), child);
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    }
+    stop = true;
+    releaser.join();
 }
 
 #if defined(__SANITIZE_ADDRESS__)

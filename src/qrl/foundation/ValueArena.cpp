@@ -1,5 +1,6 @@
 #include "qrl/foundation/ValueArena.h"
 
+#include <pthread.h>
 #include <sys/mman.h>
 
 #include <algorithm>
@@ -49,7 +50,14 @@ struct KeptBlocks {
 };
 
 KeptBlocks& keptBlocks() {
-    static KeptBlocks* const kept = new KeptBlocks;  // outlives every static that may hold a document
+    // Outlives every static that may hold a document. A fork waits for the
+    // list to be still, so that the child finds its lock free.
+    static KeptBlocks* const kept = [] {
+        auto* blocks = new KeptBlocks;
+        ::pthread_atfork([] { keptBlocks().mutex.lock(); }, [] { keptBlocks().mutex.unlock(); },
+                         [] { keptBlocks().mutex.unlock(); });
+        return blocks;
+    }();
     return *kept;
 }
 
