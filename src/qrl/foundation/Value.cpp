@@ -642,10 +642,9 @@ Value Value::deepCopy() const {
     }
     case Type::Dictionary: {
         const Dictionary& src = *u_.dictionary;
-        std::vector<std::pair<std::string, Value>> copy;
-        copy.reserve(src.size());
-        for (const auto& [key, value] : src) copy.emplace_back(key, value.deepCopy());
-        return Value::dictionary(std::move(copy));
+        DictionaryBuilder copy(src.size());
+        for (const auto& [key, value] : src) copy.append(key) = value.deepCopy();
+        return copy.finish();
     }
     default: return *this;  // scalars are values already; objects stay shared
     }

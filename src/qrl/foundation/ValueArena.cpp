@@ -102,7 +102,6 @@ struct ArenaBlocks {
     size_t openPieces = 0;
     std::atomic<size_t> livePieces{0};
     size_t used = 0;
-    size_t reserved = 0;
 
     void addBlock() {
         auto* block = static_cast<Block*>(takeBlock());
@@ -110,7 +109,6 @@ struct ArenaBlocks {
         newest = block;
         cursor = reinterpret_cast<char*>(block) + sizeof(Block);
         limit = reinterpret_cast<char*>(block) + kBlockSize;
-        reserved += kBlockSize;
         QRL_ARENA_POISON(cursor, kBlockSize - sizeof(Block));
     }
 
@@ -162,7 +160,6 @@ void* arenaAllocate(ArenaBlocks* arena, size_t bytes, size_t prefix) {
         prefixOf(piece) = arena;
         return piece;
     }
-    if (bytes > static_cast<size_t>(-1) - prefix) throw std::bad_array_new_length();
     void* piece = static_cast<char*>(::operator new(bytes + prefix)) + prefix;
     prefixOf(piece) = nullptr;
     return piece;
@@ -217,6 +214,10 @@ size_t ValueArena::releaseKeptBlocks() noexcept {
 }
 
 size_t ValueArena::bytesUsed() const noexcept { return blocks_->used; }
-size_t ValueArena::bytesReserved() const noexcept { return blocks_->reserved; }
+size_t ValueArena::bytesReserved() const noexcept {
+    size_t blocks = 0;
+    for (auto* block = blocks_->newest; block != nullptr; block = block->next) ++blocks;
+    return blocks * detail::kBlockSize;
+}
 
 }  // namespace qrl
