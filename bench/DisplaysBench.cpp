@@ -6,17 +6,7 @@
 // refresh close to its peer (ratio near 1), which says the test contexts are
 // its cost.
 #include <dlfcn.h>
-#include <fcntl.h>
-#include <poll.h>
-#include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <chrono>
-#include <cstdlib>
-#include <cstring>
-#include <filesystem>
 #include <memory>
 #include <string>
 #include <vector>
@@ -27,67 +17,26 @@
 #include "qrl/video/VideoPlatform.h"
 #include "qrl/video/egl/GraphicsDevicesEGL.h"
 #include "qrl/video/x11/DisplayServerX11.h"
-
-extern char** environ;
+#include "support/PrivateServer.h"
 
 namespace {
-
-std::string findProgram(const char* name) {
-    const char* path = std::getenv("PATH");
-    std::string dirs = path ? path : "/usr/bin:/bin";
-    for (size_t start = 0; start <= dirs.size();) {
-        size_t end = dirs.find(':', start);
-        if (end == std::string::npos) end = dirs.size();
-        const std::string candidate = dirs.substr(start, end - start) + "/" + name;
-        if (::access(candidate.c_str(), X_OK) == 0) return candidate;
-        start = end + 1;
-    }
-    return {};
-}
 
 // Xvfb with four monitors, the X11 and EGL backends installed, a provider.
 struct Environment {
     Environment() {
-        const std::string xvfb = findProgram("Xvfb"), xrandr = findProgram("xrandr");
-        if (xvfb.empty() || xrandr.empty()) {
-            why = "Xvfb and xrandr are needed";
+        if (!xvfb.running()) {
+            why = xvfb.why();
             return;
         }
-        int fds[2];
-        if (::pipe2(fds, O_CLOEXEC) != 0) return;
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_adddup2(&actions, fds[1], 3);
-        posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
-        std::vector<std::string> args = {xvfb, "-displayfd", "3", "-screen", "0", "3840x2160x24",
-                                         "-nolisten", "tcp", "-noreset", "-nolock"};
-        std::vector<char*> argv;
-        for (auto& a : args) argv.push_back(a.data());
-        argv.push_back(nullptr);
-        const int rc = ::posix_spawn(&pid, xvfb.c_str(), &actions, nullptr, argv.data(), environ);
-        posix_spawn_file_actions_destroy(&actions);
-        ::close(fds[1]);
-        std::string number;
-        for (auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-             rc == 0 && std::chrono::steady_clock::now() < deadline;) {
-            pollfd p{fds[0], POLLIN, 0};
-            if (::poll(&p, 1, 200) <= 0) continue;
-            char c;
-            if (::read(fds[0], &c, 1) <= 0 || c == '\n') break;
-            number += c;
+        const char* monitors[4][3] = {{"A", "1920/480x1080/270+0+0", "screen"},
+                                      {"B", "1920/480x1080/270+1920+0", "none"},
+                                      {"C", "1920/480x1080/270+0+1080", "none"},
+                                      {"D", "1920/480x1080/270+1920+1080", "none"}};
+        for (const auto& m : monitors) {
+            if (!qrl::test::Process::outputOf({"xrandr", "--setmonitor", m[0], m[1], m[2]}, {"DISPLAY=" + xvfb.address()}))
+                why = "xrandr --setmonitor failed (is xrandr installed?)";
         }
-        ::close(fds[0]);
-        if (number.empty()) {
-            why = "Xvfb did not start";
-            return;
-        }
-        display = ":" + number;
-        const std::string prefix = "DISPLAY=" + display + " " + xrandr + " --setmonitor ";
-        for (const char* m : {"A 1920/480x1080/270+0+0 screen", "B 1920/480x1080/270+1920+0 none",
-                              "C 1920/480x1080/270+0+1080 none", "D 1920/480x1080/270+1920+1080 none"}) {
-            if (std::system((prefix + m + " >/dev/null").c_str()) != 0) why = "xrandr --setmonitor failed";
-        }
-        displays = qrl::DisplayServerX11::open(display.c_str(), center,
+        displays = qrl::DisplayServerX11::open(xvfb.address().c_str(), center,
                                                qrl::DisplayServerX11::Options{.watchSleep = false}, &why);
         renderers = qrl::GraphicsDevicesEGL::open(&why);
         if (!displays || !renderers) return;
@@ -101,14 +50,10 @@ struct Environment {
         provider.reset();
         qrl::VideoPlatform::install(nullptr, nullptr);
         displays.reset();
-        if (pid > 0) {
-            ::kill(pid, SIGTERM);
-            ::waitpid(pid, nullptr, 0);
-        }
     }
+    qrl::test::PrivateServer xvfb = qrl::test::PrivateServer::xvfb("3840x2160x24");
     bool ready = false;
-    std::string why, display;
-    pid_t pid = -1;
+    std::string why;
     qrl::NotificationCenter center;
     std::shared_ptr<qrl::DisplayServerX11> displays;
     std::shared_ptr<qrl::GraphicsDevicesEGL> renderers;
@@ -146,7 +91,7 @@ void BM_TickPeer(benchmark::State& state) {
     auto root = reinterpret_cast<unsigned long (*)(void*)>(::dlsym(x11, "XDefaultRootWindow"));
     auto get = reinterpret_cast<void* (*)(void*, unsigned long, int, int*)>(::dlsym(xrandr, "XRRGetMonitors"));
     auto release = reinterpret_cast<void (*)(void*)>(::dlsym(xrandr, "XRRFreeMonitors"));
-    void* d = open(env.display.c_str());
+    void* d = open(env.xvfb.address().c_str());
     for (auto _ : state) {
         int n = 0;
         void* list = get(d, root(d), 0, &n);

@@ -10,7 +10,7 @@
 #include <thread>
 #include <vector>
 
-#include "qrl/foundation/PlatformLog.h"
+#include "support/TestSupport.h"
 
 namespace qrl {
 namespace {
@@ -18,7 +18,7 @@ namespace {
 using namespace std::chrono_literals;
 
 TEST(DispatchGroupTest, WaitCoversTasksOnSeveralQueuesIncludingOnesThatThrow) {
-    auto previous = setPlatformLogWriter([](std::string_view) {});
+    test::CapturedPlatformLog log;
     DispatchGroup group;
     EXPECT_TRUE(group.waitFor(0ns));  // empty: done at once
     std::vector<std::unique_ptr<SerialQueue>> queues;
@@ -35,7 +35,7 @@ TEST(DispatchGroupTest, WaitCoversTasksOnSeveralQueuesIncludingOnesThatThrow) {
     group.wait();
     EXPECT_EQ(ran.load(), 800);
     EXPECT_EQ(group.pendingCount(), 0);
-    setPlatformLogWriter(previous);
+    EXPECT_EQ(log.countContaining("counted all the same"), 16u);  // each throw reported
 }
 
 TEST(DispatchGroupTest, WaitWithADeadlineReportsWhetherTheGroupEmptied) {

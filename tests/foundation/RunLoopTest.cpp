@@ -14,7 +14,6 @@
 #include <vector>
 
 #include "qrl/foundation/Exception.h"
-#include "qrl/foundation/PlatformLog.h"
 #include "support/TestSupport.h"
 
 namespace qrl {
@@ -78,13 +77,11 @@ TEST_F(SimulatedRunLoopTest, CallbacksCancelAndAddTimersAndTheLoopOutlivesExcept
         throw std::runtime_error("timer trouble");
     });
     loop.addTimer(0.1, false, [&] { fired.push_back("sibling"); });
-    std::vector<std::string> log;
-    auto previous = setPlatformLogWriter([&](std::string_view line) { log.emplace_back(line); });
+    test::CapturedPlatformLog log;
     loop.runFor(1.0);
-    setPlatformLogWriter(previous);
     EXPECT_EQ(fired, (std::vector<std::string>{"killer", "sibling", "follow-up@" + std::to_string(0.1)}));
-    ASSERT_EQ(log.size(), 1u);
-    EXPECT_NE(log[0].find("timer trouble"), std::string::npos);
+    ASSERT_EQ(log.lines().size(), 1u);
+    EXPECT_EQ(log.countContaining("timer trouble"), 1u);
 }
 
 TEST_F(SimulatedRunLoopTest, ADelayedCallFiresExactlyAtItsDeadline) {
@@ -157,16 +154,13 @@ TEST(RunLoopTest, FdSourcesReportReadinessAndInvalidDescriptorsAreDropped) {
     EXPECT_TRUE(loop.runOnce(10.0));
     EXPECT_EQ(seen, (std::vector<std::string>{"read x"}));
 
-    std::vector<std::string> log;
-    auto previous = setPlatformLogWriter([&](std::string_view line) { log.emplace_back(line); });
+    test::CapturedPlatformLog log;
     ::close(fds[0]);
     EXPECT_TRUE(loop.runOnce(10.0));
     EXPECT_FALSE(loop.removeFdSource(token));  // already dropped
-    setPlatformLogWriter(previous);
     EXPECT_EQ(seen.back(), "invalid");
-    ASSERT_EQ(log.size(), 1u);
+    EXPECT_EQ(log.lines().size(), 1u);
     ::close(fds[1]);
-
 }
 
 TEST(RunLoopTest, APostFromAnotherThreadWakesABlockedLoop) {

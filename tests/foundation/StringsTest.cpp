@@ -3,10 +3,12 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <thread>
+
+#include "support/TemporaryFolder.h"
+#include "support/TestSupport.h"
 
 namespace qrl {
 namespace {
@@ -59,24 +61,17 @@ TEST(StringsParseTest, ReportsTheLineOfASyntaxError) {
 
 class StringsFilesTest : public ::testing::Test {
 protected:
-    void SetUp() override {
-        char pattern[] = "/tmp/qrl-strings-XXXXXX";
-        ASSERT_NE(mkdtemp(pattern), nullptr);
-        root_ = pattern;
-    }
-    void TearDown() override { fs::remove_all(root_); }
-
     std::string write(const std::string& dir, const std::string& lang, const std::string& table,
                       const std::string& bytes) {
-        const fs::path folder = fs::path(root_) / dir / (lang + ".lproj");
+        const fs::path folder = fs::path(root_.path()) / dir / (lang + ".lproj");
         fs::create_directories(folder);
         const fs::path file = folder / (table + ".strings");
         std::ofstream(file, std::ios::binary) << bytes;
         return file.string();
     }
-    std::string dir(const std::string& name) const { return (fs::path(root_) / name).string(); }
+    std::string dir(const std::string& name) const { return root_.file(name); }
 
-    std::string root_;
+    test::TemporaryFolder root_{"qrl-strings"};
 };
 
 TEST_F(StringsFilesTest, LooksUpTheMostSpecificLanguageFirstAndFallsBackToTheKey) {
@@ -158,26 +153,10 @@ TEST_F(StringsFilesTest, AMalformedFileGivesTheKeysAndARecordedError) {
     EXPECT_EQ(strings.lastError(), "");
 }
 
-// Sets an environment variable for the length of a scope.
-class ScopedEnv {
-public:
-    ScopedEnv(const char* name, const char* value) : name_(name) {
-        if (const char* old = std::getenv(name)) old_ = old;
-        if (value) ::setenv(name, value, 1);
-        else ::unsetenv(name);
-    }
-    ~ScopedEnv() {
-        if (old_) ::setenv(name_, old_->c_str(), 1);
-        else ::unsetenv(name_);
-    }
-
-private:
-    const char* name_;
-    std::optional<std::string> old_;
-};
+using ScopedEnv = test::ScopedEnvironmentVariable;
 
 TEST(StringsEnvironmentTest, LanguageComesFromTheUsualVariablesInOrder) {
-    ScopedEnv language("LANGUAGE", nullptr), all("LC_ALL", nullptr), messages("LC_MESSAGES", nullptr),
+    ScopedEnv language("LANGUAGE", std::nullopt), all("LC_ALL", std::nullopt), messages("LC_MESSAGES", std::nullopt),
         lang("LANG", "de_DE.UTF-8");
     EXPECT_EQ(Strings::languagesFromEnvironment(), (std::vector<std::string>{"de_DE", "de"}));
     {

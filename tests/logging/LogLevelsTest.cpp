@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -43,116 +44,84 @@ private:
     std::shared_ptr<test::CapturingLogger> logger_ = std::make_shared<test::CapturingLogger>();
 };
 
-int counted(int& evaluations) { return ++evaluations; }
+int evaluations = 0;
+int counted() { return ++evaluations; }
 
-TEST_F(LogGuards, LoadValues) {
-    // Values before any set-up runs, as exported.
-    EXPECT_EQ(foundationLogLevel.load(), 7);
-    EXPECT_EQ(legacyLogLevel.load(), 7);
-    EXPECT_EQ(qtClientLogLevel.load(), 3);
-    EXPECT_TRUE(qrl_autoSyncDefaults.load());
-    EXPECT_FALSE(_qrl_enableClassAndMethodLogging.load());
-}
-
-TEST_F(LogGuards, PlainFormPassesOnlyFlagsOfTheLevel) {
-    sharedLogLevel = kLogLevelInfo;
-    int evaluations = 0;
-    QRLLogVerbose("verbose %d", counted(evaluations));
-    EXPECT_EQ(evaluations, 0);
-    EXPECT_TRUE(logged().empty());
-    QRLLogInfo("info %d", counted(evaluations));
-    QRLLogWarn("warn %s", "w");
-    QRLLogError("error");
-    ASSERT_EQ(logged().size(), 3u);
-    EXPECT_EQ(evaluations, 1);
-    EXPECT_EQ(logged()[0].message, "info 1");
-    EXPECT_EQ(logged()[0].flag, kLogFlagInfo);
-    EXPECT_EQ(logged()[0].level, kLogLevelInfo);
-    EXPECT_EQ(logged()[0].context, kLogContextShared);
-    EXPECT_NE(logged()[0].deliveredOnThread, std::this_thread::get_id());  // queued, not waited for
-    EXPECT_EQ(std::string(logged()[0].function), "TestBody");
-    EXPECT_NE(std::string(logged()[0].file).find("LogLevelsTest.cpp"), std::string::npos);
-    EXPECT_GT(logged()[0].line, 0);
-    EXPECT_EQ(logged()[1].message, "warn w");
-    EXPECT_EQ(logged()[2].flag, kLogFlagError);
-}
-
-TEST_F(LogGuards, EachContextReadsItsOwnLevel) {
-    sharedLogLevel = kLogLevelOff;
-    uploaderLogLevel = kLogLevelWarning;
-    applicationLogLevel = kLogLevelVerbose;
-    QRLLogError("shared");
-    QRLUploaderLogInfo("uploader info");
-    QRLUploaderLogWarn("uploader warn");
-    QRLAppLogVerbose("app verbose");
-    ASSERT_EQ(logged().size(), 2u);
-    EXPECT_EQ(logged()[0].context, kLogContextUploader);
-    EXPECT_EQ(logged()[0].level, kLogLevelWarning);
-    EXPECT_EQ(logged()[1].context, kLogContextApplication);
-    EXPECT_EQ(logged()[1].level, kLogLevelVerbose);
-}
-
-TEST_F(LogGuards, MasterSwitchSilencesEveryForm) {
-    qrl_loggingEnabled = false;
-    sharedLogLevel = uploaderLogLevel = applicationLogLevel = kLogLevelVerbose;
-    additionalApplicationLogLevel = 0xffffffffu;
-    int evaluations = 0;
-    QRLLogError("%d", counted(evaluations));
-    QRLUploaderLogError("%d", counted(evaluations));
-    QRLAppLogError("%d", counted(evaluations));
-    QRLDomainLogError(kLoggingAudio, "%d", counted(evaluations));
-    QRLAppDomainLogError(kLoggingOpenGL, "%d", counted(evaluations));
-    EXPECT_EQ(evaluations, 0);
-    EXPECT_TRUE(logged().empty());
-}
-
-TEST_F(LogGuards, DomainFormNeedsTheBitAndTheFlag) {
-    sharedLogLevel = kLogLevelWarning;
-    int evaluations = 0;
-    QRLDomainLogWarn(kLoggingAudio, "audio %d", counted(evaluations));
-    EXPECT_EQ(evaluations, 0);  // bit clear
-    additionalApplicationLogLevel = kLoggingAudio;
-    QRLDomainLogWarn(kLoggingAudio, "audio %d", counted(evaluations));
-    QRLDomainLogInfo(kLoggingAudio, "audio info %d", counted(evaluations));  // flag missing
-    QRLDomainLogWarn(kLoggingVideo, "video %d", counted(evaluations));       // other bit
-    ASSERT_EQ(logged().size(), 1u);
-    EXPECT_EQ(evaluations, 1);
-    EXPECT_EQ(logged()[0].message, "audio 1");
-    EXPECT_EQ(logged()[0].level, kLogLevelWarning);
-    EXPECT_EQ(logged()[0].context, kLogContextShared);  // the domain itself is not passed on
-}
-
-TEST_F(LogGuards, DomainMaskIgnoresBitsAboveTwentyFive) {
-    applicationLogLevel = kLogLevelVerbose;
-    additionalApplicationLogLevel = 0xffffffffu;
-    int evaluations = 0;
-    QRLAppDomainLogInfo(0x2000000u, "%d", counted(evaluations));  // first bit outside the mask
-    QRLAppDomainLogInfo(0x80000000u, "%d", counted(evaluations));
-    EXPECT_EQ(evaluations, 0);
-    QRLAppDomainLogInfo(0x1000000u, "%d", counted(evaluations));  // last bit inside
-    QRLAppDomainLogInfo(0x3000000u, "%d", counted(evaluations));  // one bit inside is enough
-    EXPECT_EQ(evaluations, 2);
-    ASSERT_EQ(logged().size(), 2u);
-    EXPECT_EQ(logged()[1].context, kLogContextApplication);
-}
-
-TEST_F(LogGuards, DomainConstantsKeepTheirGap) {
-    const uint32_t all[] = {kLoggingAudio,       kLoggingVideo,         kLoggingDebug,         kLoggingCapture,
-                            kLoggingCompositing, kLoggingCompression,   kLoggingDiskStage,     kLoggingDatabase,
-                            kLoggingOpenGL,      kLoggingResume,        kLoggingQueueing,      kLoggingQuartzUpdates,
-                            kLoggingHTTPDiscovery, kLoggingHTTPMessaging, kLoggingQRLAVFoundation};
-    uint32_t seen = 0;
-    for (uint32_t bit : all) {
-        EXPECT_EQ(bit & (bit - 1), 0u) << bit;  // one bit each
-        EXPECT_EQ(seen & bit, 0u) << bit;
-        seen |= bit;
+// Each statement under one setting of the switches: whether it passes, and
+// with which level and context. A statement that does not pass must not
+// evaluate its arguments.
+TEST_F(LogGuards, EachFormPassesOnlyWhatItsLevelContextAndDomainAllow) {
+    struct Row {
+        const char* name;
+        bool enabled;
+        int32_t shared, uploader, application;
+        uint32_t domains;
+        std::function<void()> statement;
+        int32_t flag, context;  // flag 0: nothing passes; a message carries its context's level
+    };
+    const int32_t I = kLogLevelInfo, W = kLogLevelWarning, V = kLogLevelVerbose, O = kLogLevelOff;
+    const int32_t S = kLogContextShared, U = kLogContextUploader, A = kLogContextApplication;
+    const Row rows[] = {
+        {"verbose below info", true, I, O, O, 0, [] { QRLLogVerbose("%d", counted()); }, 0, 0},
+        {"info at info", true, I, O, O, 0, [] { QRLLogInfo("%d", counted()); }, kLogFlagInfo, S},
+        {"warn at info", true, I, O, O, 0, [] { QRLLogWarn("%d", counted()); }, kLogFlagWarning, S},
+        {"error at info", true, I, O, O, 0, [] { QRLLogError("%d", counted()); }, kLogFlagError, S},
+        {"shared off", true, O, W, V, 0, [] { QRLLogError("%d", counted()); }, 0, 0},
+        {"uploader info", true, O, W, V, 0, [] { QRLUploaderLogInfo("%d", counted()); }, 0, 0},
+        {"uploader warn", true, O, W, V, 0, [] { QRLUploaderLogWarn("%d", counted()); }, kLogFlagWarning, U},
+        {"app verbose", true, O, W, V, 0, [] { QRLAppLogVerbose("%d", counted()); }, kLogFlagVerbose, A},
+        {"switch off: shared", false, V, V, V, ~0u, [] { QRLLogError("%d", counted()); }, 0, 0},
+        {"switch off: uploader", false, V, V, V, ~0u, [] { QRLUploaderLogError("%d", counted()); }, 0, 0},
+        {"switch off: app", false, V, V, V, ~0u, [] { QRLAppLogError("%d", counted()); }, 0, 0},
+        {"switch off: domain", false, V, V, V, ~0u, [] { QRLDomainLogError(kLoggingAudio, "%d", counted()); }, 0, 0},
+        {"switch off: app domain", false, V, V, V, ~0u,
+         [] { QRLAppDomainLogError(kLoggingOpenGL, "%d", counted()); }, 0, 0},
+        {"domain bit clear", true, W, O, O, 0, [] { QRLDomainLogWarn(kLoggingAudio, "%d", counted()); }, 0, 0},
+        // The domain itself is not passed on: the shared context.
+        {"domain bit set", true, W, O, O, kLoggingAudio, [] { QRLDomainLogWarn(kLoggingAudio, "%d", counted()); },
+         kLogFlagWarning, S},
+        {"domain flag missing", true, W, O, O, kLoggingAudio,
+         [] { QRLDomainLogInfo(kLoggingAudio, "%d", counted()); }, 0, 0},
+        {"other domain", true, W, O, O, kLoggingAudio, [] { QRLDomainLogWarn(kLoggingVideo, "%d", counted()); }, 0, 0},
+        // The mask ends at bit 25: 0x2000000 is the first bit outside it.
+        {"bit 25", true, O, O, V, ~0u, [] { QRLAppDomainLogInfo(0x2000000u, "%d", counted()); }, 0, 0},
+        {"bit 31", true, O, O, V, ~0u, [] { QRLAppDomainLogInfo(0x80000000u, "%d", counted()); }, 0, 0},
+        {"bit 24", true, O, O, V, ~0u, [] { QRLAppDomainLogInfo(0x1000000u, "%d", counted()); }, kLogFlagInfo, A},
+        {"one bit inside", true, O, O, V, ~0u, [] { QRLAppDomainLogInfo(0x3000000u, "%d", counted()); }, kLogFlagInfo, A},
+    };
+    size_t passed = 0;
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.name);
+        qrl_loggingEnabled = row.enabled;
+        sharedLogLevel = row.shared;
+        uploaderLogLevel = row.uploader;
+        applicationLogLevel = row.application;
+        additionalApplicationLogLevel = row.domains;
+        evaluations = 0;
+        row.statement();
+        EXPECT_EQ(evaluations, row.flag ? 1 : 0);
+        const auto seen = logged();
+        ASSERT_EQ(seen.size(), passed + (row.flag ? 1 : 0));
+        if (!row.flag) continue;
+        const auto& m = seen[passed++];
+        EXPECT_EQ(m.message, "1");
+        EXPECT_EQ(m.level, row.context == S ? row.shared : row.context == U ? row.uploader : row.application);
+        EXPECT_EQ(m.flag, row.flag);
+        EXPECT_EQ(m.context, row.context);
     }
-    EXPECT_EQ(seen, 0x7u | 0xfff00u);
 }
 
-TEST_F(LogGuards, NullFormatDoesNothing) {
+TEST_F(LogGuards, APassingStatementCarriesItsOriginAndIsQueuedAndANullFormatIsNothing) {
+    sharedLogLevel = kLogLevelInfo;
+    QRLLogInfo("info %s", "i");
     QRLLog::log(false, 1, 1, 1, __FILE__, __func__, __LINE__, nullptr);
-    EXPECT_TRUE(logged().empty());
+    const auto seen = logged();
+    ASSERT_EQ(seen.size(), 1u);
+    EXPECT_EQ(seen[0].message, "info i");
+    EXPECT_NE(seen[0].deliveredOnThread, std::this_thread::get_id());  // queued, not waited for
+    EXPECT_EQ(seen[0].function, "TestBody");
+    EXPECT_NE(seen[0].file.find("LogLevelsTest.cpp"), std::string::npos);
+    EXPECT_GT(seen[0].line, 0);
 }
 
 }  // namespace

@@ -105,12 +105,8 @@ TEST_F(LoggingStartTest, StartUpSchedulesOneBroadcastOfTheWholeStore) {
     UserDefaults::standardUserDefaults()->setObject("kept", "someApplicationKey");
     LoggerStart();
     EXPECT_EQ(center_->sentCount(), 0u);  // not during set-up: a run loop must run
-    const auto deadline = RunLoop::main().nextTimerDeadline();
-    ASSERT_TRUE(deadline);
-    EXPECT_EQ(*deadline - clock_.clock().now(), 6'000'000u);  // 0.25 s at 24 MHz
-    RunLoop::main().runUntil(*deadline - 1);
-    EXPECT_EQ(center_->sentCount(), 0u);
-    RunLoop::main().runUntil(*deadline);
+    EXPECT_EQ(RunLoop::main().nextTimerDeadline(), clock_.clock().now() + 6'000'000u);  // 0.25 s at 24 MHz
+    run(0.25);
     ASSERT_EQ(center_->sentCount(), 1u);
 
     const DistributedNotification sent = center_->sentNotifications()[0];
@@ -179,23 +175,32 @@ TEST_F(LoggingStartTest, TheTerminalAndSystemLoggersGetThreadFormatters) {
     ASSERT_TRUE(tty2);
     EXPECT_NE(tty2, tty);
     EXPECT_TRUE(tty2->includeClassAndMethod());
-    EXPECT_TRUE(std::dynamic_pointer_cast<ThreadLogger>(QRLASLLogger::sharedInstance()->logFormatter())
-                    ->includeClassAndMethod());
+    const auto asl2 = std::dynamic_pointer_cast<ThreadLogger>(QRLASLLogger::sharedInstance()->logFormatter());
+    ASSERT_TRUE(asl2);
+    EXPECT_TRUE(asl2->includeClassAndMethod());
     Logging::setEnableClassAndMethodLogging(true);  // no change: no reset
     EXPECT_EQ(QRLTTYLogger::sharedInstance()->logFormatter(), tty2);
 }
 
 // ---- Tables and masks.
 
-TEST(LoggingTables, PreferencesLevelsMapBothWaysAndEverythingElseIsOff) {
-    const std::pair<int32_t, int32_t> table[] = {{0, 0}, {1, 1}, {3, 2}, {7, 3}, {15, 4}};
+TEST(LoggingTables, LevelsMapBothWaysWithTheirNamesAndEverythingElseIsOffAndUnknown) {
+    struct Row {
+        int32_t level, preference;
+        const char* text;
+    };
+    const Row table[] = {{0, 0, "None"}, {1, 1, "Errors"}, {3, 2, "Warnings"}, {7, 3, "Info"}, {15, 4, "Verbose"}};
+    test::CapturedPlatformLog log;
     std::set<int32_t> levels, preferences;
-    for (auto [level, preference] : table) {
-        EXPECT_EQ(Logging::preferencesLevelForQRLLevel(level), preference);
-        EXPECT_EQ(Logging::qrlLogLevelForPreferencesLevel(preference), level);
-        levels.insert(level);
-        preferences.insert(preference);
+    for (const Row& row : table) {
+        EXPECT_EQ(Logging::preferencesLevelForQRLLevel(row.level), row.preference);
+        EXPECT_EQ(Logging::qrlLogLevelForPreferencesLevel(row.preference), row.level);
+        EXPECT_EQ(Logging::descriptionForLoggingLevel(row.level), row.text);
+        EXPECT_EQ(Logging::descriptionForPreferencesLoggingLevel(row.preference), row.text);
+        levels.insert(row.level);
+        preferences.insert(row.preference);
     }
+    EXPECT_TRUE(log.lines().empty());
     std::vector<int32_t> probes = {INT32_MIN, -1, INT32_MAX, 16, 31, 255, 0x7fff};
     for (int32_t v = -3; v <= 40; ++v) probes.push_back(v);
     for (int32_t v : probes) {
@@ -208,17 +213,6 @@ TEST(LoggingTables, PreferencesLevelsMapBothWaysAndEverythingElseIsOff) {
         // A round trip lands on a level of the table.
         EXPECT_TRUE(levels.count(Logging::qrlLogLevelForPreferencesLevel(Logging::preferencesLevelForQRLLevel(v))));
     }
-}
-
-TEST(LoggingTables, DescriptionsNameTheTableAndSayUnknownOtherwise) {
-    test::CapturedPlatformLog log;
-    const char* texts[] = {"None", "Errors", "Warnings", "Info", "Verbose"};
-    const int32_t levels[] = {0, 1, 3, 7, 15};
-    for (int i = 0; i < 5; ++i) {
-        EXPECT_EQ(Logging::descriptionForLoggingLevel(levels[i]), texts[i]);
-        EXPECT_EQ(Logging::descriptionForPreferencesLoggingLevel(i), texts[i]);
-    }
-    EXPECT_TRUE(log.lines().empty());
     EXPECT_EQ(Logging::descriptionForLoggingLevel(5), "Unknown");
     EXPECT_EQ(Logging::descriptionForPreferencesLoggingLevel(7), "Unknown");
     EXPECT_EQ(Logging::descriptionForPreferencesLoggingLevel(-1), "Unknown");

@@ -5,13 +5,8 @@
 #pragma once
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
-#include <algorithm>
-#include <cstdlib>
-#include <filesystem>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
@@ -24,9 +19,26 @@
 #include "qrl/logging/QRLDefaultsFactory.h"
 #include "qrl/logging/detail/DefaultsUserDefaults.h"
 #include "qrl/logging/sim/SimDistributedNotificationCenter.h"
+#include "support/TemporaryFolder.h"
 #include "support/TestSupport.h"
 
 namespace qrl::test {
+
+// XDG_CONFIG_HOME pointed at a private folder, with a fresh standard
+// persistent store, for the lifetime of the object.
+class ScopedConfigHome {
+public:
+    ScopedConfigHome() { UserDefaults::resetStandardUserDefaults(); }
+    ~ScopedConfigHome() { UserDefaults::resetStandardUserDefaults(); }
+    ScopedConfigHome(const ScopedConfigHome&) = delete;
+    ScopedConfigHome& operator=(const ScopedConfigHome&) = delete;
+
+    const std::string& path() const { return folder_.path(); }
+
+private:
+    TemporaryFolder folder_{"qrl-config"};
+    ScopedEnvironmentVariable variable_{"XDG_CONFIG_HOME", folder_.path()};
+};
 
 // A handler as an application writes one: applies what it hears and keeps it.
 class RecordingHandler : public LoggingChangeHandler {
@@ -42,11 +54,7 @@ public:
 class LoggingFixture : public ::testing::Test {
 protected:
     void SetUp() override {
-        char pattern[] = "/tmp/qrl-logging-XXXXXX";
-        ASSERT_NE(::mkdtemp(pattern), nullptr);
-        home_ = pattern;
-        if (const char* old = std::getenv("XDG_CONFIG_HOME")) savedHome_ = old;
-        setenv("XDG_CONFIG_HOME", home_.c_str(), 1);
+        home_ = std::make_unique<ScopedConfigHome>();
         previousBundle_ = Bundle::main();
         Bundle bundle = *previousBundle_;
         bundle.info = std::make_shared<Dictionary>();
@@ -65,8 +73,7 @@ protected:
         QRLDefaultsFactory::useNSUserDefaults();
         UserDefaults::resetStandardUserDefaults();
         Bundle::setMain(*previousBundle_);
-        savedHome_ ? setenv("XDG_CONFIG_HOME", savedHome_->c_str(), 1) : unsetenv("XDG_CONFIG_HOME");
-        std::filesystem::remove_all(home_);
+        home_.reset();
     }
 
     // Posted work left by a test (deliveries) runs now, before the next test.
@@ -89,8 +96,7 @@ protected:
 
     ScopedSimulatedClock clock_;  // first in, last out: pending timers die before it
     CapturedPlatformLog log_;
-    std::string home_;
-    std::optional<std::string> savedHome_;
+    std::unique_ptr<ScopedConfigHome> home_;
     std::shared_ptr<const Bundle> previousBundle_;
     std::shared_ptr<SimDistributedNotificationCenter> center_;
     std::unique_ptr<ScopedDistributedNotificationCenter> scopedCenter_;

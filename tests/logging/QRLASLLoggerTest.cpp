@@ -18,23 +18,13 @@
 #include "qrl/foundation/PlatformLog.h"
 #include "qrl/logging/ThreadLogger.h"
 #include "qrl/foundation/detail/UniqueFd.h"
+#include "support/TemporaryFolder.h"
 #include "support/TestSupport.h"
 
 namespace qrl {
 namespace {
 
 using detail::UniqueFd;
-
-// A private folder for the socket of a stand-in log daemon.
-struct Folder {
-    std::string path;
-    Folder() {
-        char name[] = "/tmp/qrl-syslog-XXXXXX";
-        if (::mkdtemp(name)) path = name;
-    }
-    ~Folder() { ::rmdir(path.c_str()); }
-    std::string socket() const { return path + "/log"; }
-};
 
 // A stand-in log daemon: a datagram socket bound at `path`.
 class Daemon {
@@ -79,7 +69,15 @@ std::string headerPattern(const char* priority) {
            program_invocation_short_name + "\\[" + std::to_string(::getpid()) + "\\]: ";
 }
 
-TEST(QRLASLLogger, SeverityGoesByTheLevelNotTheFlag) {
+// A logger writing to a socket in a folder of its own.
+class QRLASLLoggerTest : public ::testing::Test {
+protected:
+    test::TemporaryFolder folder_{"qrl-syslog"};
+    const std::string path_ = folder_.file("log");
+    std::shared_ptr<QRLASLLogger> logger_ = QRLASLLogger::createForSocket(path_, std::chrono::milliseconds(0));
+};
+
+TEST_F(QRLASLLoggerTest, SeverityGoesByTheLevelNotTheFlag) {
     ASSERT_NE(QRLASLLogger::sharedInstance(), nullptr);
     EXPECT_EQ(QRLASLLogger::create(), nullptr);  // one per process
     EXPECT_EQ(QRLASLLogger::severityForLogLevel(1), 2);
@@ -87,13 +85,10 @@ TEST(QRLASLLogger, SeverityGoesByTheLevelNotTheFlag) {
     EXPECT_EQ(QRLASLLogger::severityForLogLevel(3), 4);
     for (int32_t level : {-1, 0, 4, 7, 15, 1000}) EXPECT_EQ(QRLASLLogger::severityForLogLevel(level), 5) << level;
 
-    Folder folder;
-    Daemon daemon(folder.socket());
+    Daemon daemon(path_);
     ASSERT_TRUE(daemon.bound());
-    auto logger = QRLASLLogger::createForSocket(folder.socket(), std::chrono::milliseconds(0));
-    EXPECT_EQ(logger->loggerName(), "tigostu.aslLogger");
     {
-        test::ScopedLogger scope(logger);
+        test::ScopedLogger scope(logger_);
         logAt(1, 1, "critical");
         logAt(2, 2, "error");
         logAt(3, 1, "an error flag at the warning level");
@@ -111,9 +106,9 @@ TEST(QRLASLLogger, SeverityGoesByTheLevelNotTheFlag) {
         EXPECT_TRUE(std::regex_match(*datagram, std::regex(headerPattern(priority) + text))) << *datagram;
     }
 
-    logger->setLogFormatter(std::make_shared<ThreadLogger>());
+    logger_->setLogFormatter(std::make_shared<ThreadLogger>());
     {
-        test::ScopedLogger scope(logger);
+        test::ScopedLogger scope(logger_);
         logAt(3, 2, "formatted");
     }
     const auto formatted = daemon.receive();
@@ -122,12 +117,10 @@ TEST(QRLASLLogger, SeverityGoesByTheLevelNotTheFlag) {
         << *formatted;
 }
 
-TEST(QRLASLLogger, AMissingDaemonIsReportedOnceAndFoundAgain) {
+TEST_F(QRLASLLoggerTest, AMissingDaemonIsReportedOnceAndFoundAgain) {
+    const std::string& path = path_;
     PlatformLines platform;
-    Folder folder;
-    const std::string path = folder.socket();
-    auto logger = QRLASLLogger::createForSocket(path, std::chrono::milliseconds(0));
-    test::ScopedLogger scope(logger);
+    test::ScopedLogger scope(logger_);
     for (int i = 0; i < 5; ++i) logAt(3, 2, "into the void");
     QRLLog::flushLog();
     ASSERT_EQ(platform.lines().size(), 1u);
@@ -157,15 +150,13 @@ TEST(QRLASLLogger, AMissingDaemonIsReportedOnceAndFoundAgain) {
     EXPECT_EQ(platform.lines().size(), 2u);
 }
 
-TEST(QRLASLLogger, ALongMessageArrivesWholeInSeveralDatagrams) {
-    Folder folder;
-    Daemon daemon(folder.socket());
+TEST_F(QRLASLLoggerTest, ALongMessageArrivesWholeInSeveralDatagrams) {
+    Daemon daemon(path_);
     ASSERT_TRUE(daemon.bound());
-    auto logger = QRLASLLogger::createForSocket(folder.socket(), std::chrono::milliseconds(0));
     std::string text;
     for (int i = 0; i < 10000; ++i) text += (i % 3 == 0) ? "\xc3\xa9" : "a";  // "é" is two bytes
     {
-        test::ScopedLogger scope(logger);
+        test::ScopedLogger scope(logger_);
         logAt(7, 4, text.c_str());
     }
     std::string joined;

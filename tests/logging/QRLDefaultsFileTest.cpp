@@ -1,17 +1,28 @@
-// The preferences file's tagged JSON form, its dates and base64, and where
-// the file lives.
+// The preferences file: its tagged JSON form, dates and base64, where it
+// lives, and how the persistent store reads, merges, sets aside and replaces
+// it.
 #include "qrl/logging/detail/DefaultsFile.h"
 
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <filesystem>
+#include <fstream>
 #include <limits>
 #include <random>
 
+#include "logging/LoggingTestSupport.h"
+#include "logging/QRLLogFileTestSupport.h"
 #include "qrl/foundation/Decimal.h"
+#include "qrl/logging/QRLNSUserDefaults.h"
 
 namespace qrl::detail {
 namespace {
@@ -150,32 +161,155 @@ TEST(QRLDefaultsFileTest, DatesAgreeWithTheCalendarAndRefuseWhatIsOutOfRange) {
     }
 }
 
-TEST(QRLDefaultsFileTest, Base64FollowsTheStandardVectorsAndIsStrict) {
-    const std::pair<const char*, const char*> vectors[] = {{"", ""},         {"f", "Zg=="},     {"fo", "Zm8="},
-                                                           {"foo", "Zm9v"},  {"foob", "Zm9vYg=="}, {"fooba", "Zm9vYmE="},
-                                                           {"foobar", "Zm9vYmFy"}};
-    for (const auto& [plain, encoded] : vectors) {
-        const Data data(plain, plain + std::strlen(plain));
-        EXPECT_EQ(base64Encode(data), encoded);
-        EXPECT_EQ(base64Decode(encoded), data);
-    }
-    for (const char* bad : {"Zg=", "Zh==", "Zm9=", "Z===", "Zg==Zg==", "Zm9v\n", "Zm-v", "=Zm9"})
-        EXPECT_EQ(base64Decode(bad), std::nullopt) << bad;
-}
-
 TEST(QRLDefaultsFileTest, TheFileLivesUnderTheConfigHomeInAFolderPerApplication) {
-    const char* oldXdg = std::getenv("XDG_CONFIG_HOME");
-    const char* oldHome = std::getenv("HOME");
-    const std::string savedXdg = oldXdg ? oldXdg : "", savedHome = oldHome ? oldHome : "";
-    setenv("XDG_CONFIG_HOME", "/x/conf", 1);
+    test::ScopedEnvironmentVariable xdg("XDG_CONFIG_HOME", "/x/conf"), home("HOME", "/home/someone/");
     EXPECT_EQ(defaultsPathForIdentifier("com.tessara.recorder"), "/x/conf/com.tessara.recorder/preferences.json");
     EXPECT_EQ(defaultsPathForIdentifier("a/../b"), "/x/conf/a_.._b/preferences.json");
     EXPECT_EQ(defaultsPathForIdentifier(".."), "/x/conf/_../preferences.json");
     setenv("XDG_CONFIG_HOME", "relative/conf", 1);  // not absolute: ignored
-    setenv("HOME", "/home/someone/", 1);
     EXPECT_EQ(defaultsPathForIdentifier("id"), "/home/someone/.config/id/preferences.json");
-    oldXdg ? setenv("XDG_CONFIG_HOME", savedXdg.c_str(), 1) : unsetenv("XDG_CONFIG_HOME");
-    oldHome ? setenv("HOME", savedHome.c_str(), 1) : unsetenv("HOME");
+}
+
+
+// ---- The persistent store and its file.
+
+namespace fs = std::filesystem;
+
+class PersistentStoreFile : public ::testing::Test {
+protected:
+    static std::string contents(const fs::path& path) { return test::readFile(path.string()); }
+    std::vector<std::string> folderEntries() const {
+        std::vector<std::string> names;
+        for (const auto& entry : fs::directory_iterator(fs::path(path_).parent_path()))
+            names.push_back(entry.path().filename().string());
+        std::sort(names.begin(), names.end());
+        return names;
+    }
+
+    test::ScopedConfigHome home_;
+    test::CapturedPlatformLog log_;
+    const std::string path_ = UserDefaults::standardPath();
+};
+
+TEST_F(PersistentStoreFile, OnlyStoredValuesAreSavedAndComeBackWithTheirTypes) {
+    EXPECT_EQ(path_, home_.path() + "/" + Bundle::main()->identifier + "/preferences.json");
+    const Dictionary values{{"date", Value(Date{-1})}, {"data", Value(Data{0, 255})}, {"real", 0.25},
+                            {"nested", Value::dictionary({{"list", Value::array({true, "s", Value(Date{5})})}})}};
+    {
+        QRLNSUserDefaults defaults;
+        defaults.registerDefaults(Dictionary{{"level", 2}, {"name", "registered"}});
+        for (const auto& [key, value] : values) defaults.setObject(value, key);
+    }
+    UserDefaults::resetStandardUserDefaults();  // saves, as the end of the process does
+    {
+        UserDefaults reread(path_);
+        EXPECT_EQ(reread.objectForKey("name"), Value());
+        EXPECT_EQ(Value(reread.dictionaryRepresentation()), Value(std::make_shared<Dictionary>(values)));
+        reread.setInteger(7, "other");
+    }
+    QRLNSUserDefaults defaults;  // a new standard store reading the file
+    EXPECT_TRUE(defaults.objectForKey("date").isDate());
+    EXPECT_TRUE(defaults.objectForKey("data").isData());
+    EXPECT_EQ(defaults.integerForKey("other"), 7);
+    EXPECT_TRUE(log_.lines().empty());
+
+    UserDefaults small(home_.path() + "/small.json");
+    small.setInteger(5, "level");
+    ASSERT_TRUE(small.synchronize());
+    EXPECT_EQ(contents(small.path()), "{\n  \"level\" : 5\n}\n");
+}
+
+TEST_F(PersistentStoreFile, TwoWritersOfOneFileKeepEachOthersKeys) {
+    UserDefaults first(path_), second(path_);
+    first.setInteger(1, "a");
+    second.setInteger(2, "b");
+    second.setInteger(9, "a");
+    ASSERT_TRUE(second.synchronize());
+    first.setInteger(3, "c");
+    ASSERT_TRUE(first.synchronize());   // its own "a" wins: it set it
+    ASSERT_TRUE(second.synchronize());  // nothing to save, picks up the other's keys
+    EXPECT_EQ(Value(second.dictionaryRepresentation()), Value::dictionary({{"b", 2}, {"a", 1}, {"c", 3}}));
+    EXPECT_EQ(Value(UserDefaults(path_).dictionaryRepresentation()), Value(second.dictionaryRepresentation()));
+}
+
+TEST_F(PersistentStoreFile, DamagedFilesAreReportedOnceAndKeptAsideAndTheStoreStartsEmpty) {
+    {
+        UserDefaults defaults(path_);
+        defaults.setObject(Value::dictionary({{"k", "a long enough value"}}), "key");
+    }
+    const std::string whole = contents(path_);
+    const std::string damaged[] = {whole.substr(0, whole.size() / 2), "\xff\xfe{}", "[1]", "", "{} {}"};
+    for (const std::string& bytes : damaged) {
+        { std::ofstream(path_, std::ios::binary | std::ios::trunc) << bytes; }
+        const size_t reportsBefore = log_.lines().size();
+        UserDefaults defaults(path_);
+        EXPECT_EQ(defaults.dictionaryRepresentation()->size(), 0u) << bytes;
+        ASSERT_EQ(log_.lines().size(), reportsBefore + 1) << bytes;
+        EXPECT_NE(log_.lines().back().find(path_), std::string::npos);
+        EXPECT_FALSE(fs::exists(path_));
+        defaults.setInteger(1, "fresh");
+        EXPECT_TRUE(defaults.synchronize());
+        EXPECT_TRUE(defaults.synchronize());
+        EXPECT_EQ(log_.lines().size(), reportsBefore + 1);
+        EXPECT_EQ(contents(path_), "{\n  \"fresh\" : 1\n}\n");
+    }
+    // Every damaged file is still there, byte for byte, under a dated name.
+    std::vector<std::string> kept;
+    for (const std::string& name : folderEntries())
+        if (name != "preferences.json") {
+            EXPECT_EQ(name.rfind("preferences.corrupt-", 0), 0u) << name;
+            kept.push_back(contents(fs::path(path_).parent_path() / name));
+        }
+    std::sort(kept.begin(), kept.end());
+    std::vector<std::string> expected(std::begin(damaged), std::end(damaged));
+    std::sort(expected.begin(), expected.end());
+    EXPECT_EQ(kept, expected);
+
+    // A folder in the file's place is no file either.
+    fs::remove(path_);
+    fs::create_directory(path_);
+    const size_t reportsBefore = log_.lines().size();
+    UserDefaults defaults(path_);
+    EXPECT_EQ(log_.lines().size(), reportsBefore + 1);
+    EXPECT_FALSE(fs::exists(path_));
+}
+
+TEST_F(PersistentStoreFile, AFailedSaveLeavesTheOldFileWholeAndKeepsTheChanges) {
+    {
+        UserDefaults defaults(path_);
+        defaults.setInteger(1, "old");
+    }
+    const std::string before = contents(path_);
+    // In a child process, a file size limit makes the write of the temporary
+    // file fail halfway.
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+        ::signal(SIGXFSZ, SIG_IGN);
+        const rlimit limit{4096, 4096};
+        ::setrlimit(RLIMIT_FSIZE, &limit);
+        UserDefaults defaults(path_);
+        defaults.setObject(std::string(100000, 'x'), "big");
+        _exit(!defaults.synchronize() && defaults.hasUnsavedChanges() && log_.lines().size() == 1 ? 0 : 1);
+    }
+    int status = 0;
+    ::waitpid(pid, &status, 0);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    EXPECT_EQ(contents(path_), before);
+    EXPECT_EQ(folderEntries(), std::vector<std::string>{"preferences.json"});
+
+    // A folder that cannot be made: reported once, saved once it can be.
+    const std::string blocked = home_.path() + "/blocker/app/preferences.json";
+    { std::ofstream(home_.path() + "/blocker") << "a file where a folder should be"; }
+    UserDefaults defaults(blocked);
+    defaults.setInteger(2, "k");
+    EXPECT_FALSE(defaults.synchronize());
+    EXPECT_FALSE(defaults.synchronize());
+    EXPECT_EQ(log_.lines().size(), 1u);
+    EXPECT_TRUE(defaults.hasUnsavedChanges());
+    fs::remove(home_.path() + "/blocker");
+    EXPECT_TRUE(defaults.synchronize());
+    EXPECT_FALSE(defaults.hasUnsavedChanges());
+    EXPECT_EQ(UserDefaults(blocked).integerForKey("k"), 2);
 }
 
 }  // namespace

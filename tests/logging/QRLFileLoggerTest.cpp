@@ -8,7 +8,6 @@
 #include <mutex>
 #include <regex>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "logging/CapturingLogger.h"
@@ -27,9 +26,9 @@ namespace qrl {
 namespace {
 
 using test::logText;
-using test::PlatformLogCapture;
+using test::CapturedPlatformLog;
 using test::ScopedLogger;
-using test::TempFolder;
+using test::TemporaryFolder;
 
 // A manager that answers the two optional operations and keeps what it heard.
 class RecordingManager : public QRLLogFileManagerDefault {
@@ -83,35 +82,32 @@ std::vector<FileState> filesOf(QRLLogFileManager& manager) {
     return files;
 }
 
-TEST(QRLFileLogger, DefaultsAndName) {
-    TempFolder folder;
-    ASSERT_TRUE(folder.ok());
-    auto logger = QRLFileLogger::create(std::make_shared<QRLLogFileManagerDefault>(folder.path()));
-    EXPECT_EQ(logger->loggerName(), "tigostu.fileLogger");
-    EXPECT_EQ(logger->maximumFileSize(), 0x100000u);
-    EXPECT_EQ(logger->rollingFrequency(), 86400.0);
-    EXPECT_EQ(logger->logFileManager()->maximumNumberOfLogFiles(), 5u);
+// A folder of its own, a recording manager on it and a file logger.
+class FileLoggerTest : public ::testing::Test {
+protected:
+    TemporaryFolder folder_;
+    std::shared_ptr<RecordingManager> manager_ = std::make_shared<RecordingManager>(folder_.path());
+    std::shared_ptr<QRLFileLogger> logger_ = QRLFileLogger::create(manager_);
+};
 
-    PlatformLogCapture log;
+TEST(QRLFileLogger, ARollingFrequencyThatIsNoNumberIsRefused) {
+    CapturedPlatformLog log;
+    auto logger = QRLFileLogger::create(nullptr);  // the default manager
+    EXPECT_NE(logger->logFileManager(), nullptr);
     logger->setRollingFrequency(std::nan(""));
     EXPECT_EQ(logger->rollingFrequency(), 86400.0);
     EXPECT_EQ(log.countContaining("QRLFileLogger: rollingFrequency must be a number"), 1u);
-    EXPECT_NE(QRLFileLogger::create(nullptr)->logFileManager(), nullptr);  // the default manager
 }
 
-TEST(QRLFileLogger, ArchivesAFullFileLeftFromBeforeAndMakesANewOne) {
-    TempFolder folder;
-    ASSERT_TRUE(folder.ok());
-    const std::string full = folder / "log-ABCDEF.txt";
+TEST_F(FileLoggerTest, ArchivesAFullFileLeftFromBeforeAndMakesANewOne) {
+    const std::string full = folder_.file("log-ABCDEF.txt");
     const std::string fullText = std::string(0x100000 - 1, 'x') + "\n";  // exactly 1 MiB
     ASSERT_TRUE(test::writeFile(full, fullText));
-    auto manager = std::make_shared<RecordingManager>(folder.path());
-    auto logger = QRLFileLogger::create(manager);
     {
-        ScopedLogger scope(logger);
+        ScopedLogger scope(logger_);
         logText("first");
     }
-    const auto files = filesOf(*manager);
+    const auto files = filesOf(*manager_);
     ASSERT_EQ(files.size(), 2u);
     EXPECT_NE(files[0].path, full);
     EXPECT_FALSE(files[0].archived);
@@ -119,13 +115,12 @@ TEST(QRLFileLogger, ArchivesAFullFileLeftFromBeforeAndMakesANewOne) {
     EXPECT_EQ(files[1].path, full);
     EXPECT_TRUE(files[1].archived);
     EXPECT_EQ(files[1].text.size(), fullText.size());
-    EXPECT_EQ(manager->archived(), std::vector<std::string>{full});
-    EXPECT_TRUE(manager->rolled().empty());
+    EXPECT_EQ(manager_->archived(), std::vector<std::string>{full});
+    EXPECT_TRUE(manager_->rolled().empty());
 
     // One byte less, and young: it is taken up where it ends.
-    TempFolder other;
-    ASSERT_TRUE(other.ok());
-    const std::string partial = other / "log-012345.txt";
+    TemporaryFolder other;
+    const std::string partial = other.file("log-012345.txt");
     ASSERT_TRUE(test::writeFile(partial, std::string(0x100000 - 2, 'y') + "\n"));
     auto continuing = QRLFileLogger::create(std::make_shared<RecordingManager>(other.path()));
     {
@@ -139,47 +134,39 @@ TEST(QRLFileLogger, ArchivesAFullFileLeftFromBeforeAndMakesANewOne) {
     EXPECT_TRUE(after[0].archived);
 }
 
-TEST(QRLFileLogger, AFileThatOutlivedItsTimeIsArchivedAtStart) {
-    TempFolder folder;
-    ASSERT_TRUE(folder.ok());
-    const std::string old = folder / "log-ABCDEF.txt";
+TEST_F(FileLoggerTest, AFileThatOutlivedItsTimeIsArchivedAtStart) {
+    const std::string old = folder_.file("log-ABCDEF.txt");
     ASSERT_TRUE(test::writeFile(old, "from before\n"));
-    auto manager = std::make_shared<RecordingManager>(folder.path());
-    auto logger = QRLFileLogger::create(manager);
-    logger->setRollingFrequency(1e-9);  // every file on disk is older than that
+    logger_->setRollingFrequency(1e-9);  // every file on disk is older than that
     {
-        ScopedLogger scope(logger);
+        ScopedLogger scope(logger_);
         logText("fresh");
     }
-    EXPECT_EQ(manager->archived(), std::vector<std::string>{old});
+    EXPECT_EQ(manager_->archived(), std::vector<std::string>{old});
     EXPECT_TRUE(archived(old));
     EXPECT_EQ(test::readFile(old), "from before\n");
-    const auto files = filesOf(*manager);
+    const auto files = filesOf(*manager_);
     ASSERT_EQ(files.size(), 2u);
     EXPECT_EQ(files[0].text, "fresh\n");
 }
 
-TEST(QRLFileLogger, WritesFormattedLinesThroughTheEngine) {
+TEST_F(FileLoggerTest, WritesFormattedLinesThroughTheEngine) {
     // The formatter on its own: the message's own date, two blanks, the text.
     QRLLogMessage message("text", 3, 2, 1, __FILE__, __func__, __LINE__);
     QRLLogFileFormatterDefault formatter;
     EXPECT_EQ(formatter.formatLogMessage(message),
               detail::LocalDateFormatter("yyyy/MM/dd HH:mm:ss:SSS").format(message.timestamp()) + "  text");
 
-    TempFolder folder;
-    ASSERT_TRUE(folder.ok());
-    auto manager = std::make_shared<QRLLogFileManagerDefault>(folder.path());
-    auto logger = QRLFileLogger::create(manager);
-    logger->setLogFormatter(std::make_shared<QRLLogFileFormatterDefault>());
+    logger_->setLogFormatter(std::make_shared<QRLLogFileFormatterDefault>());
     {
-        ScopedLogger scope(logger);
+        ScopedLogger scope(logger_);
         logText("hello");
         logText("ends in a line feed\n");
         logText("");
         logText("two\nlines");
         logText("ünïcödé ✓");
     }
-    auto files = filesOf(*manager);
+    auto files = filesOf(*manager_);
     ASSERT_EQ(files.size(), 1u);
     const std::string d = R"(\d{4}/\d\d/\d\d \d\d:\d\d:\d\d:\d{3})";
     EXPECT_TRUE(std::regex_match(files[0].text, std::regex(d + "  hello\n" + d + "  ends in a line feed\n" + d +
@@ -188,48 +175,40 @@ TEST(QRLFileLogger, WritesFormattedLinesThroughTheEngine) {
 
     // No text from the formatter: nothing written; no formatter: the bare message.
     const std::string before = files[0].text;
-    logger->setLogFormatter(std::make_shared<DroppingFormatter>());
+    logger_->setLogFormatter(std::make_shared<DroppingFormatter>());
     {
-        ScopedLogger scope(logger);
+        ScopedLogger scope(logger_);
         logText("skip me");
         logText("keep me");
     }
-    logger->setLogFormatter(nullptr);
+    logger_->setLogFormatter(nullptr);
     {
-        ScopedLogger scope(logger);
+        ScopedLogger scope(logger_);
         logText("bare\n");
     }
-    files = filesOf(*manager);
+    files = filesOf(*manager_);
     ASSERT_EQ(files.size(), 1u);
     EXPECT_EQ(files[0].text, before + "keep me\nbare\n");
 }
 
-TEST(QRLFileLogger, NothingIsLostAcrossSizeRolls) {
-    TempFolder folder;
-    ASSERT_TRUE(folder.ok());
-    auto manager = std::make_shared<QRLLogFileManagerDefault>(folder.path());
-    manager->setMaximumNumberOfLogFiles(100000);
-    auto logger = QRLFileLogger::create(manager);
+TEST_F(FileLoggerTest, NothingIsLostAcrossSizeRolls) {
+    manager_->setMaximumNumberOfLogFiles(100000);
     constexpr uint64_t kSize = 512;
-    logger->setMaximumFileSize(kSize);
+    logger_->setMaximumFileSize(kSize);
 
     constexpr int kThreads = 4;
     constexpr int kPerThread = 150;
     {
-        ScopedLogger scope(logger);
-        std::vector<std::thread> threads;
-        for (int t = 0; t < kThreads; ++t)
-            threads.emplace_back([t] {
-                for (int i = 0; i < kPerThread; ++i)
-                    logText(qrl::format("t%d %03d %.*s", t, i, i % 37, "....................................."));
-            });
-        for (auto& thread : threads) thread.join();
+        ScopedLogger scope(logger_);
+        for (int i = 0; i < kPerThread; ++i)
+            for (int t = 0; t < kThreads; ++t)
+                logText(qrl::format("t%d %03d %.*s", t, i, (i + t) % 37, "....................................."));
     }
 
     std::map<std::string, int> seen;
     size_t current = 0;
     size_t maxLine = 0;
-    const auto files = filesOf(*manager);
+    const auto files = filesOf(*manager_);
     for (const auto& file : files) {
         std::vector<int> last(kThreads, -1);
         for (const auto& line : test::linesOf(file.text)) {
@@ -258,30 +237,26 @@ TEST(QRLFileLogger, NothingIsLostAcrossSizeRolls) {
     for (const auto& [line, count] : seen) EXPECT_EQ(count, 1) << line;
 }
 
-TEST(QRLFileLogger, AMaximumBelowThePresentSizeRollsAtOnce) {
-    TempFolder folder;
-    ASSERT_TRUE(folder.ok());
-    auto manager = std::make_shared<RecordingManager>(folder.path());
-    auto logger = QRLFileLogger::create(manager);
-    ScopedLogger scope(logger);
+TEST_F(FileLoggerTest, AMaximumBelowThePresentSizeRollsAtOnce) {
+    ScopedLogger scope(logger_);
     logText("one");
     logText("two");
     logText("three");
     QRLLog::flushLog();
-    auto files = filesOf(*manager);
+    auto files = filesOf(*manager_);
     ASSERT_EQ(files.size(), 1u);
     const std::string first = files[0].path;
     EXPECT_FALSE(files[0].archived);
 
-    logger->setMaximumFileSize(8);
-    EXPECT_EQ(logger->maximumFileSize(), 8u);  // read on the logging queue, after the roll
+    logger_->setMaximumFileSize(8);
+    EXPECT_EQ(logger_->maximumFileSize(), 8u);  // read on the logging queue, after the roll
     EXPECT_TRUE(archived(first));
-    EXPECT_EQ(manager->rolled(), std::vector<std::string>{first});
-    EXPECT_EQ(manager->sortedLogFilePaths(), std::vector<std::string>{first});  // no new file before a message
+    EXPECT_EQ(manager_->rolled(), std::vector<std::string>{first});
+    EXPECT_EQ(manager_->sortedLogFilePaths(), std::vector<std::string>{first});  // no new file before a message
 
     logText("four");  // 5 bytes: stays
     QRLLog::flushLog();
-    files = filesOf(*manager);
+    files = filesOf(*manager_);
     ASSERT_EQ(files.size(), 2u);
     EXPECT_EQ(files[0].text, "four\n");
     EXPECT_FALSE(files[0].archived);
@@ -292,49 +267,17 @@ TEST(QRLFileLogger, AMaximumBelowThePresentSizeRollsAtOnce) {
 
 }
 
-TEST(QRLFileLogger, KeepsFiveArchivedFilesAsItRolls) {
-    TempFolder folder;
-    ASSERT_TRUE(folder.ok());
-    auto manager = std::make_shared<QRLLogFileManagerDefault>(folder.path());
-    auto logger = QRLFileLogger::create(manager);
-    {
-        ScopedLogger scope(logger);
-        for (int i = 0; i < 9; ++i) {
-            logText(qrl::format("m%d", i));
-            logger->rollLogFile();
-        }
-        QRLLog::flushLog();
-        // Nine archived, pruned to five whenever a file was made: m3 to m8.
-        std::vector<std::string> texts;
-        for (const auto& file : filesOf(*manager)) {
-            EXPECT_TRUE(file.archived);
-            texts.push_back(file.text);
-        }
-        EXPECT_EQ(texts, (std::vector<std::string>{"m8\n", "m7\n", "m6\n", "m5\n", "m4\n", "m3\n"}));
-        // One more file: the oldest goes.
-        logText("last");
-    }
-    std::vector<std::string> texts;
-    for (const auto& file : filesOf(*manager)) texts.push_back(file.text);
-    EXPECT_EQ(texts, (std::vector<std::string>{"last\n", "m8\n", "m7\n", "m6\n", "m5\n", "m4\n"}));
-
-}
-
-TEST(QRLFileLogger, RollsByAgeOnTheRunLoopTimer) {
+TEST_F(FileLoggerTest, RollsByAgeOnTheRunLoopTimer) {
     ASSERT_TRUE(RunLoop::isMainThread()) << "the age timer is on the main loop, run here";
     test::ScopedSimulatedClock clock;
-    TempFolder folder;
-    ASSERT_TRUE(folder.ok());
     RunLoop& loop = RunLoop::main();
     const size_t timersBefore = loop.timerCount();
-    auto manager = std::make_shared<RecordingManager>(folder.path());
-    auto logger = QRLFileLogger::create(manager);
-    logger->setRollingFrequency(60.0);
-    auto scope = std::make_unique<ScopedLogger>(logger);
+    logger_->setRollingFrequency(60.0);
+    auto scope = std::make_unique<ScopedLogger>(logger_);
 
     logText("a");
     QRLLog::flushLog();
-    auto files = filesOf(*manager);
+    auto files = filesOf(*manager_);
     ASSERT_EQ(files.size(), 1u);
     const std::string first = files[0].path;
     EXPECT_EQ(loop.timerCount(), timersBefore + 1);
@@ -345,13 +288,13 @@ TEST(QRLFileLogger, RollsByAgeOnTheRunLoopTimer) {
     loop.runFor(31.0);
     QRLLog::flushLog();
     EXPECT_TRUE(archived(first));
-    EXPECT_EQ(manager->rolled(), std::vector<std::string>{first});
-    EXPECT_EQ(manager->sortedLogFilePaths().size(), 1u);
+    EXPECT_EQ(manager_->rolled(), std::vector<std::string>{first});
+    EXPECT_EQ(manager_->sortedLogFilePaths().size(), 1u);
 
     // The next file gets a timer of its own.
     logText("b");
     QRLLog::flushLog();
-    files = filesOf(*manager);
+    files = filesOf(*manager_);
     ASSERT_EQ(files.size(), 2u);
     const std::string second = files[0].path;
     EXPECT_EQ(files[0].text, "b\n");
@@ -365,37 +308,22 @@ TEST(QRLFileLogger, RollsByAgeOnTheRunLoopTimer) {
     // A frequency below the present age rolls at once.
     logText("c");
     QRLLog::flushLog();
-    const std::string third = filesOf(*manager)[0].path;
+    const std::string third = filesOf(*manager_)[0].path;
     loop.runFor(10.0);
-    logger->setRollingFrequency(5.0);
-    EXPECT_EQ(logger->rollingFrequency(), 5.0);
+    logger_->setRollingFrequency(5.0);
+    EXPECT_EQ(logger_->rollingFrequency(), 5.0);
     EXPECT_TRUE(archived(third));
-    EXPECT_EQ(manager->rolled(), (std::vector<std::string>{first, second, third}));
+    EXPECT_EQ(manager_->rolled(), (std::vector<std::string>{first, second, third}));
 
     // A logger that goes takes its timer along.
     logText("d");
     scope.reset();
     EXPECT_EQ(loop.timerCount(), timersBefore + 1);
-    logger.reset();
+    logger_.reset();
     EXPECT_EQ(loop.timerCount(), timersBefore);
     loop.runFor(120.0);
     QRLLog::flushLog();
-    EXPECT_FALSE(archived(filesOf(*manager)[0].path));
-}
-
-TEST(QRLFileLogger, AFolderThatCannotBeMadeLosesTheLinesWithOneReport) {
-    TempFolder folder;
-    ASSERT_TRUE(folder.ok());
-    ASSERT_TRUE(test::writeFile(folder / "blocked", ""));
-    PlatformLogCapture log;
-    auto logger = QRLFileLogger::create(std::make_shared<QRLLogFileManagerDefault>(folder / "blocked/Logs"));
-    {
-        ScopedLogger scope(logger);
-        for (int i = 0; i < 5; ++i) logText("nowhere to go");
-    }
-    EXPECT_EQ(log.countContaining("QRLFileLogManagerDefault: Error creating logsDirectory: "), 1u);
-    EXPECT_EQ(log.countContaining("QRLLogFileManagerDefault: Error creating log file: "), 1u);
-    EXPECT_EQ(log.lines().size(), 2u);
+    EXPECT_FALSE(archived(filesOf(*manager_)[0].path));
 }
 
 }  // namespace

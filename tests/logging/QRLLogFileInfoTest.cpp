@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <string>
@@ -17,11 +18,9 @@
 namespace qrl {
 namespace {
 
-using test::PlatformLogCapture;
+using test::CapturedPlatformLog;
 using test::ScopedLogFileAttributes;
-using test::TempFolder;
-
-const std::string kMark(QRLLogFileInfo::kArchivedAttributeName);
+using test::TemporaryFolder;
 
 // The real port on a file system that refuses every user attribute.
 class NoUserAttributes : public detail::LogFileXattrAttributes {
@@ -31,13 +30,21 @@ protected:
     int systemRemove(const std::string&, const std::string&) override { return EOPNOTSUPP; }
 };
 
-TEST(QRLLogFileInfo, ReadsTheFileOnceAndKeepsItUntilReset) {
-    TempFolder folder;
-    ASSERT_TRUE(folder.ok());
-    const std::string path = folder / "log-ABCDEF.txt";
-    ASSERT_TRUE(test::writeFile(path, "0123456789"));
+// A folder of its own, the platform log captured, and one log file in it.
+class LogFileInfoTest : public ::testing::Test {
+protected:
+    // Writes the file with `text` and answers its info.
+    std::shared_ptr<QRLLogFileInfo> make(const std::string& text) {
+        EXPECT_TRUE(test::writeFile(path, text));
+        return QRLLogFileInfo::logFileWithPath(path);
+    }
+    TemporaryFolder folder;
+    CapturedPlatformLog log;
+    const std::string path = folder.file("log-ABCDEF.txt");
+};
 
-    auto info = QRLLogFileInfo::logFileWithPath(path);
+TEST_F(LogFileInfoTest, ReadsTheFileOnceAndKeepsItUntilReset) {
+    auto info = make("0123456789");
     EXPECT_EQ(info->filePath(), path);
     EXPECT_EQ(info->fileName(), "log-ABCDEF.txt");
     EXPECT_EQ(info->fileSize(), 10u);
@@ -61,7 +68,7 @@ TEST(QRLLogFileInfo, ReadsTheFileOnceAndKeepsItUntilReset) {
     EXPECT_EQ(info->fileSize(), 16u);
 
     // A file that is not there.
-    auto missing = QRLLogFileInfo::logFileWithPath(folder / "log-000000.txt");
+    auto missing = QRLLogFileInfo::logFileWithPath(folder.file("log-000000.txt"));
     EXPECT_EQ(missing->fileSize(), 0u);
     EXPECT_FALSE(missing->creationDate());
     EXPECT_EQ(missing->age(), 0.0);
@@ -70,7 +77,7 @@ TEST(QRLLogFileInfo, ReadsTheFileOnceAndKeepsItUntilReset) {
     EXPECT_NE(missing->description().find("creationDate = <null>;"), std::string::npos) << missing->description();
 }
 
-TEST(QRLLogFileInfo, CreationDateIsTheBirthTimeElseTheModificationTime) {
+TEST_F(LogFileInfoTest, CreationDateIsTheBirthTimeElseTheModificationTime) {
     struct statx status {};
     status.stx_mtime = {1'000'000'000, 5, 0};
     status.stx_btime = {900'000'000, 7, 0};
@@ -81,9 +88,6 @@ TEST(QRLLogFileInfo, CreationDateIsTheBirthTimeElseTheModificationTime) {
 
     // On this file system: a modification time set far back moves the
     // creation date only where there is no birth time.
-    TempFolder folder;
-    ASSERT_TRUE(folder.ok());
-    const std::string path = folder / "log-ABCDEF.txt";
     ASSERT_TRUE(test::writeFile(path, "x"));
     const timespec times[2] = {{978'307'200, 0}, {978'307'200, 0}};  // 2001-01-01
     ASSERT_EQ(::utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
@@ -100,17 +104,11 @@ TEST(QRLLogFileInfo, CreationDateIsTheBirthTimeElseTheModificationTime) {
     }
 }
 
-TEST(QRLLogFileInfo, ArchiveMarkIsAUserAttributeThatGetfattrReads) {
-    TempFolder folder;
-    ASSERT_TRUE(folder.ok());
-    const std::string path = folder / "log-ABCDEF.txt";
-    ASSERT_TRUE(test::writeFile(path, "x"));
-    auto info = QRLLogFileInfo::logFileWithPath(path);
+TEST_F(LogFileInfoTest, ArchiveMarkIsARealUserAttribute) {
+    auto info = make("x");
     if (::setxattr(path.c_str(), "user.qrl.probe", "", 0, 0) != 0)
         GTEST_SKIP() << "the temporary folder's file system refuses user attributes (errno " << errno << ")";
     ::removexattr(path.c_str(), "user.qrl.probe");
-
-    PlatformLogCapture log;
     EXPECT_FALSE(info->isArchived());
     info->setIsArchived(true);
     EXPECT_TRUE(info->isArchived());
@@ -121,29 +119,16 @@ TEST(QRLLogFileInfo, ArchiveMarkIsAUserAttributeThatGetfattrReads) {
     EXPECT_EQ(QRLLogFileInfo::qualifiedAttributeName("qrl.log.archived"), "user.qrl.log.archived");
     EXPECT_EQ(QRLLogFileInfo::qualifiedAttributeName("trusted.x"), "trusted.x");
 
-    if (::access("/usr/bin/getfattr", X_OK) == 0) {
-        const auto shown = test::runCommand("/usr/bin/getfattr --absolute-names -n user.qrl.log.archived " +
-                                            test::shellQuoted(path) + " 2>/dev/null");
-        EXPECT_EQ(shown.status, 0);
-        EXPECT_NE(shown.output.find("user.qrl.log.archived=\"\""), std::string::npos) << shown.output;
-    }
-
     info->setIsArchived(false);
     EXPECT_FALSE(info->isArchived());
     EXPECT_FALSE(test::hasRealAttribute(path, "user.qrl.log.archived"));
     info->setIsArchived(false);  // absent: no failure
     EXPECT_TRUE(log.lines().empty());
-
-    if (::access("/usr/bin/getfattr", X_OK) != 0)
-        GTEST_SKIP() << "/usr/bin/getfattr is missing (package attr): the mark was checked through getxattr only";
-    const auto gone = test::runCommand("/usr/bin/getfattr --absolute-names -n user.qrl.log.archived " +
-                                       test::shellQuoted(path) + " 2>/dev/null");
-    EXPECT_NE(gone.status, 0);
 }
 
 // Each way a mark can be kept: the sidecar form installed outright, and the
 // real form on a file system that refuses user attributes.
-class FallbackMark : public ::testing::TestWithParam<bool> {
+class FallbackMark : public LogFileInfoTest, public ::testing::WithParamInterface<bool> {
 protected:
     std::shared_ptr<detail::LogFileAttributes> port() const {
         if (GetParam()) return std::make_shared<detail::LogFileSidecarAttributes>();
@@ -152,13 +137,8 @@ protected:
 };
 
 TEST_P(FallbackMark, ReadsBackAsTheAttributeWouldAndTravelsWithTheFile) {
-    TempFolder folder;
-    ASSERT_TRUE(folder.ok());
     ScopedLogFileAttributes scoped(port());
-    PlatformLogCapture log;
-    const std::string path = folder / "log-ABCDEF.txt";
-    ASSERT_TRUE(test::writeFile(path, "x"));
-    auto info = QRLLogFileInfo::logFileWithPath(path);
+    auto info = make("x");
 
     EXPECT_FALSE(info->isArchived());
     info->setIsArchived(true);
@@ -167,7 +147,7 @@ TEST_P(FallbackMark, ReadsBackAsTheAttributeWouldAndTravelsWithTheFile) {
     EXPECT_TRUE(info->hasExtendedAttributeWithName("qrl.log.archived"));
     EXPECT_FALSE(info->hasExtendedAttributeWithName("qrl.other"));
     EXPECT_FALSE(test::hasRealAttribute(path, "user.qrl.log.archived"));
-    const std::string mark = folder / ".log-ABCDEF.txt.xattr/qrl.log.archived";
+    const std::string mark = folder.file(".log-ABCDEF.txt.xattr/qrl.log.archived");
     EXPECT_EQ(detail::LogFileSidecarAttributes::markFile(path, "user.qrl.log.archived"), mark);
     EXPECT_TRUE(test::exists(mark));
 
@@ -186,12 +166,12 @@ TEST_P(FallbackMark, ReadsBackAsTheAttributeWouldAndTravelsWithTheFile) {
 
     info->setIsArchived(false);
     EXPECT_FALSE(info->isArchived());
-    EXPECT_FALSE(test::exists(folder / ".log-123456.txt.xattr"));
+    EXPECT_FALSE(test::exists(folder.file(".log-123456.txt.xattr")));
     info->setIsArchived(false);  // absent: no failure
     EXPECT_TRUE(log.lines().empty());
 
     // Failures read as they do with attributes.
-    auto missing = QRLLogFileInfo::logFileWithPath(folder / "log-FFFFFF.txt");
+    auto missing = QRLLogFileInfo::logFileWithPath(folder.file("log-FFFFFF.txt"));
     missing->setIsArchived(true);
     EXPECT_FALSE(missing->isArchived());
     missing->removeExtendedAttributeWithName("qrl.log.archived");
@@ -204,66 +184,37 @@ TEST_P(FallbackMark, ReadsBackAsTheAttributeWouldAndTravelsWithTheFile) {
 INSTANTIATE_TEST_SUITE_P(Forms, FallbackMark, ::testing::Values(true, false),
                          [](const auto& param) { return param.param ? "Sidecar" : "RefusedUserAttributes"; });
 
-TEST(QRLLogFileInfo, MarksOnARealTmpfs) {
-    TempFolder folder("/dev/shm");
-    if (!folder.ok()) GTEST_SKIP() << "no /dev/shm to make a folder in";
-    const std::string path = folder / "log-ABCDEF.txt";
-    ASSERT_TRUE(test::writeFile(path, "x"));
-    const bool refuses = ::setxattr(path.c_str(), "user.qrl.probe", "", 0, 0) != 0 &&
-                         (errno == ENOTSUP || errno == EOPNOTSUPP);
-    ::removexattr(path.c_str(), "user.qrl.probe");
-
-    PlatformLogCapture log;
-    auto info = QRLLogFileInfo::logFileWithPath(path);
-    info->setIsArchived(true);
-    EXPECT_TRUE(info->isArchived());
-    // Where tmpfs takes user attributes the mark is one; where it refuses
-    // them the mark is kept beside the file.
-    EXPECT_EQ(test::hasRealAttribute(path, kMark), !refuses);
-    EXPECT_EQ(test::exists(detail::LogFileSidecarAttributes::markFile(path, kMark)), refuses);
-    info->setIsArchived(false);
-    EXPECT_FALSE(info->isArchived());
-    EXPECT_TRUE(log.lines().empty());
-}
-
-TEST(QRLLogFileInfo, RenameFailureIsLoggedAndThePathTakenAllTheSame) {
-    TempFolder folder;
-    ASSERT_TRUE(folder.ok());
-    PlatformLogCapture log;
-    const std::string path = folder / "log-ABCDEF.txt";
-    ASSERT_TRUE(test::writeFile(path, "0123"));
-    auto info = QRLLogFileInfo::logFileWithPath(path);
+TEST_F(LogFileInfoTest, RenameFailureIsLoggedAndThePathTakenAllTheSame) {
+    auto info = make("0123");
     EXPECT_EQ(info->fileSize(), 4u);
 
     info->renameFile("log-ABCDEF.txt");  // the same name: nothing
     EXPECT_TRUE(log.lines().empty());
 
     // A folder of that name is in the way.
-    ASSERT_EQ(::mkdir((folder / "log-111111.txt").c_str(), 0755), 0);
-    ASSERT_EQ(::mkdir((folder / "log-111111.txt/inside").c_str(), 0755), 0);
+    ASSERT_EQ(::mkdir(folder.file("log-111111.txt").c_str(), 0755), 0);
+    ASSERT_EQ(::mkdir(folder.file("log-111111.txt/inside").c_str(), 0755), 0);
     info->renameFile("log-111111.txt");
     ASSERT_EQ(log.lines().size(), 1u);
     EXPECT_TRUE(log.lines()[0].starts_with("QRLLogFileInfo: Error renaming file (log-ABCDEF.txt): Error "
                                            "Domain=NSPOSIXErrorDomain Code=21 \"Is a directory\""))
         << log.lines()[0];
-    EXPECT_EQ(info->filePath(), folder / "log-111111.txt");
+    EXPECT_EQ(info->filePath(), folder.file("log-111111.txt"));
     EXPECT_EQ(info->fileName(), "log-111111.txt");
     EXPECT_TRUE(test::exists(path));
     // The caches went with the old path: the folder's status now.
     EXPECT_EQ(info->fileAttributes()["NSFileType"], Value("NSFileTypeDirectory"));
 }
 
-TEST(QRLLogFileInfo, EqualityOrderAndDescription) {
-    TempFolder folder;
-    ASSERT_TRUE(folder.ok());
-    const std::string older = folder / "log-AAAAAA.txt";
+TEST_F(LogFileInfoTest, EqualityOrderAndDescription) {
+    const std::string older = folder.file("log-AAAAAA.txt");
     ASSERT_TRUE(test::writeFile(older, "a"));
-    ASSERT_TRUE(test::writeFile(folder / "log-BBBBBB.txt", "b"));
+    ASSERT_TRUE(test::writeFile(folder.file("log-BBBBBB.txt"), "b"));
     const timespec past[2] = {{978'307'200, 0}, {978'307'200, 0}};
     ASSERT_EQ(::utimensat(AT_FDCWD, older.c_str(), past, 0), 0);
     auto a = QRLLogFileInfo::logFileWithPath(older);
-    auto b = QRLLogFileInfo::logFileWithPath(folder / "log-BBBBBB.txt");
-    auto none = QRLLogFileInfo::logFileWithPath(folder / "log-CCCCCC.txt");
+    auto b = QRLLogFileInfo::logFileWithPath(folder.file("log-BBBBBB.txt"));
+    auto none = QRLLogFileInfo::logFileWithPath(folder.file("log-CCCCCC.txt"));
 
     EXPECT_TRUE(a->isEqual(*QRLLogFileInfo::logFileWithPath(older)));
     EXPECT_FALSE(a->isEqual(*b));

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <deque>
+#include <filesystem>
 #include <set>
 #include <string>
 
@@ -13,13 +14,13 @@
 #include "qrl/logging/QRLLog.h"
 #include "qrl/logging/QRLLogFileInfo.h"
 #include "qrl/logging/detail/LogFileSidecarAttributes.h"
-#include "qrl/system/Identification.h"
+#include "qrl/foundation/Identification.h"
 
 namespace qrl {
 namespace {
 
-using test::PlatformLogCapture;
-using test::TempFolder;
+using test::CapturedPlatformLog;
+using test::TemporaryFolder;
 
 // A manager whose names come from a script, then from the real generator.
 class ScriptedNames : public QRLLogFileManagerDefault {
@@ -41,10 +42,10 @@ public:
 };
 
 // Archived log files named log-<hex>.txt, made one after another.
-std::vector<std::string> makeArchivedFiles(const TempFolder& folder, const std::vector<std::string>& hexNames) {
+std::vector<std::string> makeArchivedFiles(const TemporaryFolder& folder, const std::vector<std::string>& hexNames) {
     std::vector<std::string> paths;
     for (const auto& hex : hexNames) {
-        const std::string path = folder / ("log-" + hex + ".txt");
+        const std::string path = folder.file("log-" + hex + ".txt");
         test::writeFile(path, hex + "\n");
         QRLLogFileInfo::logFileWithPath(path)->setIsArchived(true);
         paths.push_back(path);
@@ -73,20 +74,19 @@ TEST(QRLLogFileManagerDefault, TellsLogFilesByName) {
     for (const auto& c : cases) EXPECT_EQ(manager.isLogFile(c.name), c.isLog) << c.name;
 
     // Listing: regular files with log names only.
-    TempFolder folder;
-    ASSERT_TRUE(folder.ok());
-    test::writeFile(folder / "log-ABCDEF.txt", "");
-    test::writeFile(folder / "log-abcdef.txt", "");
-    test::writeFile(folder / "other.txt", "");
-    ASSERT_EQ(::mkdir((folder / "log-012345.txt").c_str(), 0755), 0);
-    ASSERT_EQ(::symlink((folder / "log-ABCDEF.txt").c_str(), (folder / "log-FEDCBA.txt").c_str()), 0);
+    TemporaryFolder folder;
+    test::writeFile(folder.file("log-ABCDEF.txt"), "");
+    test::writeFile(folder.file("log-abcdef.txt"), "");
+    test::writeFile(folder.file("other.txt"), "");
+    ASSERT_EQ(::mkdir(folder.file("log-012345.txt").c_str(), 0755), 0);
+    ASSERT_EQ(::symlink(folder.file("log-ABCDEF.txt").c_str(), folder.file("log-FEDCBA.txt").c_str()), 0);
     QRLLogFileManagerDefault listing(folder.path());
     auto names = listing.unsortedLogFileNames();
     std::sort(names.begin(), names.end());
     EXPECT_EQ(names, (std::vector<std::string>{"log-ABCDEF.txt", "log-FEDCBA.txt"}));
     auto paths = listing.unsortedLogFilePaths();
     std::sort(paths.begin(), paths.end());
-    EXPECT_EQ(paths, (std::vector<std::string>{folder / "log-ABCDEF.txt", folder / "log-FEDCBA.txt"}));
+    EXPECT_EQ(paths, (std::vector<std::string>{folder.file("log-ABCDEF.txt"), folder.file("log-FEDCBA.txt")}));
 }
 
 TEST(QRLLogFileManagerDefault, ShortUUIDsAreSixUpperCaseHexCharacters) {
@@ -104,10 +104,9 @@ TEST(QRLLogFileManagerDefault, ShortUUIDsAreSixUpperCaseHexCharacters) {
 }
 
 TEST(QRLLogFileManagerDefault, MakesTheFolderAndSaysWhenItCannot) {
-    TempFolder folder;
-    ASSERT_TRUE(folder.ok());
-    PlatformLogCapture log;
-    const std::string nested = folder / "a/b/Logs";
+    TemporaryFolder folder;
+    CapturedPlatformLog log;
+    const std::string nested = folder.file("a/b/Logs");
     QRLLogFileManagerDefault manager(nested);
     EXPECT_EQ(manager.logsDirectory(), nested);
     struct stat s {};
@@ -116,8 +115,8 @@ TEST(QRLLogFileManagerDefault, MakesTheFolderAndSaysWhenItCannot) {
     EXPECT_TRUE(log.lines().empty());
 
     // A file stands where a folder should be.
-    test::writeFile(folder / "blocked", "");
-    QRLLogFileManagerDefault blocked(folder / "blocked/Logs");
+    test::writeFile(folder.file("blocked"), "");
+    QRLLogFileManagerDefault blocked(folder.file("blocked/Logs"));
     EXPECT_TRUE(blocked.unsortedLogFileNames().empty());
     ASSERT_FALSE(log.lines().empty());
     EXPECT_TRUE(log.lines()[0].starts_with(
@@ -133,32 +132,26 @@ TEST(QRLLogFileManagerDefault, MakesTheFolderAndSaysWhenItCannot) {
 }
 
 TEST(QRLLogFileManagerDefault, DefaultFolderIsLogsInTheApplicationSupportFolder) {
-    TempFolder folder;
-    ASSERT_TRUE(folder.ok());
-    const char* previous = std::getenv("XDG_DATA_HOME");
-    const std::string saved = previous ? previous : "";
-    ::setenv("XDG_DATA_HOME", folder.path().c_str(), 1);
+    TemporaryFolder folder;
+    test::ScopedEnvironmentVariable data("XDG_DATA_HOME", folder.path());
     QRLLogFileManagerDefault manager;
     const std::string name = appNameByBundle().empty() ? program_invocation_short_name : appNameByBundle();
-    EXPECT_EQ(manager.defaultLogsDirectory(), folder / (name + "/Logs"));
-    EXPECT_EQ(manager.logsDirectory(), folder / (name + "/Logs"));
-    if (previous) ::setenv("XDG_DATA_HOME", saved.c_str(), 1);
-    else ::unsetenv("XDG_DATA_HOME");
+    EXPECT_EQ(manager.defaultLogsDirectory(), folder.file(name + "/Logs"));
+    EXPECT_EQ(manager.logsDirectory(), folder.file(name + "/Logs"));
 }
 
 TEST(QRLLogFileManagerDefault, CollidingNamesAreDrawnAgain) {
-    TempFolder folder;
-    ASSERT_TRUE(folder.ok());
-    test::writeFile(folder / "log-AAAAAA.txt", "kept");
+    TemporaryFolder folder;
+    test::writeFile(folder.file("log-AAAAAA.txt"), "kept");
     auto manager = std::make_shared<ScriptedNames>(folder.path());
     manager->script = {"AAAAAA", "AAAAAA", "BBBBBB"};
-    EXPECT_EQ(manager->createNewLogFile(), folder / "log-BBBBBB.txt");
+    EXPECT_EQ(manager->createNewLogFile(), folder.file("log-BBBBBB.txt"));
     EXPECT_EQ(manager->calls, 3);
-    EXPECT_EQ(test::readFile(folder / "log-AAAAAA.txt"), "kept");
-    EXPECT_EQ(test::readFile(folder / "log-BBBBBB.txt"), "");
+    EXPECT_EQ(test::readFile(folder.file("log-AAAAAA.txt")), "kept");
+    EXPECT_EQ(test::readFile(folder.file("log-BBBBBB.txt")), "");
 
     // A generator that never finds a free name gives up, and says so once.
-    PlatformLogCapture log;
+    CapturedPlatformLog log;
     manager->calls = 0;
     manager->repeat = "AAAAAA";
     EXPECT_FALSE(manager->createNewLogFile());
@@ -168,8 +161,7 @@ TEST(QRLLogFileManagerDefault, CollidingNamesAreDrawnAgain) {
 }
 
 TEST(QRLLogFileManagerDefault, NewFileKeepsTheNewestArchivedFilesAndDeletesTheOldest) {
-    TempFolder folder;
-    ASSERT_TRUE(folder.ok());
+    TemporaryFolder folder;
     auto manager = std::make_shared<QRLLogFileManagerDefault>(folder.path());
     EXPECT_EQ(manager->maximumNumberOfLogFiles(), 5u);
     makeArchivedFiles(folder, {"000001", "000002", "000003", "000004", "000005", "000006"});
@@ -196,11 +188,10 @@ TEST(QRLLogFileManagerDefault, NewFileKeepsTheNewestArchivedFilesAndDeletesTheOl
 }
 
 TEST(QRLLogFileManagerDefault, ChangingTheMaximumPrunesOnTheLoggingQueue) {
-    TempFolder folder;
-    ASSERT_TRUE(folder.ok());
+    TemporaryFolder folder;
     auto manager = std::make_shared<QRLLogFileManagerDefault>(folder.path());
     makeArchivedFiles(folder, {"00000A", "00000B", "00000C", "00000D", "00000E", "00000F", "000010"});
-    const std::string inUse = folder / "log-FFFFFF.txt";
+    const std::string inUse = folder.file("log-FFFFFF.txt");
     test::writeFile(inUse, "in use\n");
 
     std::vector<std::pair<Value, Value>> seen;
@@ -232,8 +223,7 @@ TEST(QRLLogFileManagerDefault, ChangingTheMaximumPrunesOnTheLoggingQueue) {
 }
 
 TEST(QRLLogFileManagerDefault, PruningTakesFallbackMarksWithTheFiles) {
-    TempFolder folder;
-    ASSERT_TRUE(folder.ok());
+    TemporaryFolder folder;
     test::ScopedLogFileAttributes scoped(std::make_shared<detail::LogFileSidecarAttributes>());
     auto manager = std::make_shared<QRLLogFileManagerDefault>(folder.path());
     const auto paths = makeArchivedFiles(folder, {"0000A1", "0000A2"});

@@ -74,9 +74,7 @@ TEST(LocalDateFormatter, FractionsAreCutNeverRoundedAndLiteralsStand) {
 }
 
 TEST(ThreadLogger, FormsWithAndWithoutQueueFileAndMethod) {
-    ThreadLogger formatter;
-    EXPECT_FALSE(formatter.includeDate());
-    EXPECT_FALSE(formatter.includeClassAndMethod());
+    ThreadLogger formatter;  // no date, no class and method
 
     const QRLLogMessage plain("hello", 7, 4, 1, "/src/Capture/Grabber.mm", "grabFrame:", 3);
     EXPECT_EQ(formatter.formatLogMessage(plain), "[(null)] hello");

@@ -1,5 +1,7 @@
 #include "support/TestSupport.h"
 
+#include <cstdlib>
+
 #include "qrl/timing/TimeUtilities.h"
 
 namespace qrl::test {
@@ -42,6 +44,16 @@ std::size_t CapturedPlatformLog::countContaining(std::string_view part) const {
 void CapturedPlatformLog::clear() {
     std::lock_guard lock(mutex_);
     lines_.clear();
+}
+
+ScopedEnvironmentVariable::ScopedEnvironmentVariable(std::string name, std::optional<std::string> value)
+    : name_(std::move(name)) {
+    if (const char* old = std::getenv(name_.c_str())) previous_ = old;
+    value ? ::setenv(name_.c_str(), value->c_str(), 1) : ::unsetenv(name_.c_str());
+}
+
+ScopedEnvironmentVariable::~ScopedEnvironmentVariable() {
+    previous_ ? ::setenv(name_.c_str(), previous_->c_str(), 1) : ::unsetenv(name_.c_str());
 }
 
 }  // namespace qrl::test

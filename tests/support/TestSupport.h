@@ -1,11 +1,13 @@
 // Helpers shared by the test programs: a simulated clock installed for the
 // length of a test, the platform log's lines captured for the length of a
-// test, and a count of heap allocations.
+// test, an environment variable set for a scope, and a count of heap
+// allocations.
 #pragma once
 
 #include <cstddef>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -50,6 +52,20 @@ private:
     mutable std::mutex mutex_;
     std::vector<std::string> lines_;
     PlatformLogWriter previous_;
+};
+
+// Sets an environment variable (unsets it for nullopt) for the lifetime of
+// the object, and puts the previous value back.
+class ScopedEnvironmentVariable {
+public:
+    ScopedEnvironmentVariable(std::string name, std::optional<std::string> value);
+    ~ScopedEnvironmentVariable();
+    ScopedEnvironmentVariable(const ScopedEnvironmentVariable&) = delete;
+    ScopedEnvironmentVariable& operator=(const ScopedEnvironmentVariable&) = delete;
+
+private:
+    std::string name_;
+    std::optional<std::string> previous_;
 };
 
 // Number of global operator new calls made on this thread since the program

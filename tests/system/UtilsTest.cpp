@@ -9,9 +9,10 @@
 #include "qrl/foundation/Bundle.h"
 #include "qrl/foundation/NotificationCenter.h"
 #include "qrl/foundation/PlatformLog.h"
-#include "qrl/system/Identification.h"
+#include "qrl/foundation/Identification.h"
 #include "qrl/video/DisplaysProvider.h"
-#include "qrl/video/RectFunctions.h"
+#include "qrl/video/DisplaysScreenEnvironment.h"
+#include "qrl/foundation/RectFunctions.h"
 #include "qrl/video/VideoPlatform.h"
 #include "qrl/video/sim/DisplayServerSim.h"
 #include "qrl/video/sim/GraphicsDevicesSim.h"
@@ -20,7 +21,7 @@
 namespace qrl {
 namespace {
 
-using PlatformLines = ::qrl::test::CapturedPlatformLog;
+using PlatformLines = test::CapturedPlatformLog;
 
 TEST(Utils, FittingAndCentring) {
     EXPECT_EQ(Utils::centerSizeWithinRect(NSMakeSize(100, 100), CGRectMake(0, 0, 200, 100)), CGRectMake(50, 0, 100, 100));
@@ -130,14 +131,14 @@ TEST_F(UtilsOnScreens, WakingASleepingDisplay) {
             displays_->postScreenParametersChanged();
         }
     });
-    Utils::wakeUpIfASleep(*provider);
+    { DisplaysScreenEnvironment screens(provider); Utils::wakeUpIfASleep(screens); }
     EXPECT_EQ(log.count("Waiting for display to wake up..."), 2u);
     EXPECT_EQ(clock_.clock().now() - t0, static_cast<uint64_t>(2 * 24'000'000));
     EXPECT_EQ(displays_->counters().cursorMoves, 4);
     EXPECT_EQ(displays_->lastCursorMove()->second, CGPointMake(1, 1));
 
     // With a card there is nothing to do.
-    Utils::wakeUpIfASleep(*provider);
+    { DisplaysScreenEnvironment screens(provider); Utils::wakeUpIfASleep(screens); }
     EXPECT_EQ(log.count("Card count is 1. Not bothering to wake displays..."), 1u);
 
     // Nothing ever wakes: fifteen one-second passes.
@@ -145,7 +146,7 @@ TEST_F(UtilsOnScreens, WakingASleepingDisplay) {
     provider->refreshCachedDisplays();
     log.clear();
     const uint64_t t1 = clock_.clock().now();
-    Utils::wakeUpIfASleep(*provider);
+    { DisplaysScreenEnvironment screens(provider); Utils::wakeUpIfASleep(screens); }
     EXPECT_EQ(log.count("Waiting for display to wake up..."), 15u);
     EXPECT_EQ(clock_.clock().now() - t1, static_cast<uint64_t>(15 * 24'000'000));
 }
@@ -170,17 +171,12 @@ TEST(Identification, BundleFacts) {
     EXPECT_EQ(appNameByBundle(), "Tessara Beta");
     EXPECT_EQ(applicationName(), "tb");
 
-    const char* xdg = std::getenv("XDG_DATA_HOME");
-    const std::string savedXdg = xdg ? xdg : "";
-    setenv("XDG_DATA_HOME", "/data/home/", 1);
-    EXPECT_EQ(applicationSupportFolder(), "/data/home/Tessara Beta");
-    setenv("XDG_DATA_HOME", "relative", 1);  // not absolute: ignored
-    const char* home = std::getenv("HOME");
-    if (home && home[0] == '/') {
-        EXPECT_EQ(applicationSupportFolder(), std::string(home) + "/.local/share/Tessara Beta");
+    {
+        test::ScopedEnvironmentVariable xdg("XDG_DATA_HOME", "/data/home/"), home("HOME", "/home/someone");
+        EXPECT_EQ(applicationSupportFolder(), "/data/home/Tessara Beta");
+        test::ScopedEnvironmentVariable relative("XDG_DATA_HOME", "relative");  // not absolute: ignored
+        EXPECT_EQ(applicationSupportFolder(), "/home/someone/.local/share/Tessara Beta");
     }
-    if (xdg) setenv("XDG_DATA_HOME", savedXdg.c_str(), 1);
-    else unsetenv("XDG_DATA_HOME");
     Bundle::setMain(*saved);
 }
 

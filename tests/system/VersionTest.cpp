@@ -13,24 +13,20 @@
 #include "qrl/system/Utils.h"
 #include "qrl/system/linux/SystemFactsLinux.h"
 #include "qrl/system/sim/SystemFactsSim.h"
+#include "support/TemporaryFolder.h"
 #include "support/TestSupport.h"
 
 namespace qrl {
 namespace {
 
-using PlatformLines = ::qrl::test::CapturedPlatformLog;
+using PlatformLines = test::CapturedPlatformLog;
 
-struct TempDir {
-    TempDir() {
-        std::string pattern = (std::filesystem::temp_directory_path() / "qrl-version-XXXXXX").string();
-        path = mkdtemp(pattern.data());
-    }
-    ~TempDir() { std::filesystem::remove_all(path); }
+struct TempDir : test::TemporaryFolder {
+    TempDir() : TemporaryFolder("qrl-version") {}
     void write(const std::string& relative, const std::string& text) const {
-        std::filesystem::create_directories((path / relative).parent_path());
-        std::ofstream(path / relative) << text;
+        std::filesystem::create_directories(std::filesystem::path(file(relative)).parent_path());
+        std::ofstream(file(relative)) << text;
     }
-    std::filesystem::path path;
 };
 
 TEST(Version, FromText) {
@@ -88,15 +84,15 @@ TEST(Version, FromABundle) {
               "</dict>\n</plist>\n");
     dir.write("NoKey.app/Contents/Info.plist", "<plist><dict><key>CFBundleName</key><string>x</string></dict></plist>");
     dir.write("Garbage.app/Contents/Info.plist", "not a property list");
-    const auto v = Version::versionForBundle((dir.path / "Good.app").string());
+    const auto v = Version::versionForBundle(dir.file("Good.app"));
     ASSERT_TRUE(v);
     EXPECT_EQ(v->description(), "2.1.3");
 
     PlatformLines log;
-    const std::string missing = (dir.path / "Missing.app").string();
+    const std::string missing = dir.file("Missing.app");
     EXPECT_FALSE(Version::initWithBundlePath(missing));
-    EXPECT_FALSE(Version::initWithBundlePath((dir.path / "Garbage.app").string()));
-    EXPECT_FALSE(Version::initWithBundlePath((dir.path / "NoKey.app").string()));
+    EXPECT_FALSE(Version::initWithBundlePath(dir.file("Garbage.app")));
+    EXPECT_FALSE(Version::initWithBundlePath(dir.file("NoKey.app")));
     ASSERT_EQ(log.lines().size(), 3u);
     EXPECT_EQ(log.lines()[0], "No bundle at path " + missing);
     EXPECT_EQ(log.lines()[2], "Couldn't build version string from (null). Didn't contain any . chars");
@@ -138,7 +134,7 @@ TEST(Version, OsRelease) {
     EXPECT_EQ(SystemFactsLinux::osReleaseValue("VERSION_IDX=1\nID=arch\n", "VERSION_ID"), std::nullopt);
     TempDir dir;
     dir.write("os-release", "ID=debian\nVERSION_ID=\"10.7.2\"\n");
-    SystemFactsLinux facts({(dir.path / "absent").string(), (dir.path / "os-release").string()});
+    SystemFactsLinux facts({dir.file("absent"), dir.file("os-release")});
     ScopedSystemFacts scoped(std::shared_ptr<SystemFacts>(&facts, [](SystemFacts*) {}));
     EXPECT_EQ(Utils::systemVersion(), Version(10, 7, 2));
     EXPECT_FALSE(facts.gestalt(fourCC("qtim")));

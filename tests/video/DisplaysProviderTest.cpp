@@ -34,14 +34,18 @@ protected:
         std::vector<double> times;
     };
 
-    std::shared_ptr<DisplaysProvider> make() { return DisplaysProvider::create(center_); }
-    void run(double seconds) { RunLoop::main().runFor(seconds); }
-
-    // Two plain displays on one accelerated renderer.
-    void twoDisplays() {
-        displays_->setDisplays({simDisplay(1, NSMakeRect(0, 0, 1440, 900)), simDisplay(2, NSMakeRect(1440, 0, 1280, 1024))});
-        renderers_->setRenderers({simRenderer(0x1000, 1)});
+    // A provider over these displays and renderers.
+    std::shared_ptr<DisplaysProvider> make(std::vector<SimDisplay> displays, std::vector<SimRenderer> renderers) {
+        displays_->setDisplays(std::move(displays));
+        renderers_->setRenderers(std::move(renderers));
+        return DisplaysProvider::create(center_);
     }
+    // Two plain displays on one accelerated renderer.
+    std::shared_ptr<DisplaysProvider> twoDisplays() {
+        return make({simDisplay(1, NSMakeRect(0, 0, 1440, 900)), simDisplay(2, NSMakeRect(1440, 0, 1280, 1024))},
+                    {simRenderer(0x1000, 1)});
+    }
+    void run(double seconds) { RunLoop::main().runFor(seconds); }
 };
 
 TEST_F(DisplaysProviderTest, BuildOnAMixedPlatform) {
@@ -51,16 +55,13 @@ TEST_F(DisplaysProviderTest, BuildOnAMixedPlatform) {
     noScreen.hasScreen = false;
     SimDisplay softwareOnly = simDisplay(5, NSMakeRect(2720, 0, 640, 480), 1.0f, 4);
     SimDisplay cardFails = simDisplay(6, NSMakeRect(0, 900, 800, 600), 1.0f, 8);
-    displays_->setDisplays({simDisplay(1, NSMakeRect(0, 0, 1440, 900)), retina, large, noScreen, softwareOnly, cardFails});
     SimRenderer nameless = simRenderer(0x3000, 8);
     nameless.cardName.reset();
-    renderers_->setRenderers({simRenderer(0x1000, 1 | 2, true, "Acme GX OpenGL Engine"),
-                              simRenderer(0x2000, 4, false), nameless, simRenderer(0x4000, 1, false)});
-
-    auto provider = make();
+    auto provider = make({simDisplay(1, NSMakeRect(0, 0, 1440, 900)), retina, large, noScreen, softwareOnly, cardFails},
+                         {simRenderer(0x1000, 1 | 2, true, "Acme GX OpenGL Engine"), simRenderer(0x2000, 4, false),
+                          nameless, simRenderer(0x4000, 1, false)});
     const auto maps = provider->metadataForAllConnectedDisplays();
     ASSERT_EQ(maps.size(), 4u);
-    EXPECT_EQ(provider->displayCount(), 4);
     std::vector<CGDirectDisplayID> ids;
     for (const auto& m : maps) ids.push_back(provider->displayIDForMetadata(m));
     EXPECT_EQ(ids, (std::vector<CGDirectDisplayID>{1, 2, 0x80000005u, 6}));
@@ -69,30 +70,21 @@ TEST_F(DisplaysProviderTest, BuildOnAMixedPlatform) {
     const auto& b = *maps[1];
     EXPECT_EQ(b.get("width"), Value(2560));
     EXPECT_EQ(b.get("height"), Value(1600));
-    EXPECT_EQ(b.get("size.width"), Value(2560));
-    EXPECT_EQ(b.get("origin.x"), Value(1440));
     EXPECT_EQ(b.get("origin.y"), Value(100));
-    EXPECT_EQ(b.get("displayMask"), Value(2));
     EXPECT_EQ(rectValue(b.get("frame")), NSMakeRect(1440, 100, 1280, 800));
     EXPECT_EQ(b.get("card"), Value("Acme GX OpenGL Engine"));
     EXPECT_EQ(b.get("canCreateContextOnCard"), Value(true));
-    EXPECT_EQ(b.get("matchedToScreen"), Value(true));
     // Only the accelerated renderer of the mask is listed.
     const auto renderers = b.get("renderers").asArray();
     ASSERT_TRUE(renderers);
     ASSERT_EQ(renderers->size(), 1u);
     EXPECT_EQ((*renderers)[0]["rendererID"], Value(0x1000));
-    EXPECT_EQ((*renderers)[0]["fullscreen"], Value(1));
-    EXPECT_EQ((*renderers)[0]["video.memory"], Value(256 << 20));
-    EXPECT_EQ((*maps[0]).get("renderers").asArray()->size(), 1u);
 
     // An ID above 2^31 is boxed as a negative 32-bit number; 1.5 gives fractional pixels, truncated.
     const auto& c = *maps[2];
     EXPECT_EQ(c.get("displayID"), Value(static_cast<int32_t>(0x80000005u)));
-    EXPECT_LT(c.get("displayID").integerValue(), 0);
     EXPECT_EQ(c.get("width"), Value(1536));
     EXPECT_EQ(c.get("height"), Value(1152));
-    EXPECT_EQ(c.get("origin.x"), Value(-1024));
     EXPECT_EQ(provider->stateForDisplayWithID(Value(static_cast<int32_t>(0x80000005u))), maps[2]);
 
     // A card failure keeps the display, with the localized text.
@@ -116,17 +108,12 @@ TEST_F(DisplaysProviderTest, BuildOnAMixedPlatform) {
     EXPECT_EQ(provider->cardNameForRendererID(Value(0x9999)), "Unknown");
     EXPECT_EQ(provider->activeDisplaysOnRenderer(Value(0x1000)).size(), 3u);
     EXPECT_EQ(provider->rendererForDisplayID(2), Value(0x1000));
-    try {
-        provider->rendererForDisplayID(0x80000005u);  // looked up as a positive 64-bit number: never found
-        FAIL() << "expected NoState";
-    } catch (const Exception& e) {
-        EXPECT_EQ(e.name(), "NoState");
-        EXPECT_EQ(e.reason(), "Can't find anything for display ID: 2147483653");
-    }
+    // Looked up as a positive 64-bit number: never found.
+    test::expectRaise([&] { provider->rendererForDisplayID(0x80000005u); }, "NoState",
+                      "Can't find anything for display ID: 2147483653");
     const auto menu = provider->displaysByDisplayID();
     ASSERT_EQ(menu.size(), 4u);
     EXPECT_EQ(menu[1]->get("name"), Value("Display 2, 1280 x 800"));
-    EXPECT_EQ(menu[2]->get("displayID"), c.get("displayID"));
     EXPECT_EQ(provider->allScreensFrameOrCapturedArea(), NSMakeRect(-1024, 0, 3744, 1500));
     EXPECT_EQ(provider->mainDisplay(), NSMakeRect(0, 0, 1440, 900));
 
@@ -140,9 +127,7 @@ TEST_F(DisplaysProviderTest, BuildOnAMixedPlatform) {
 TEST_F(DisplaysProviderTest, MoreThanThirtyTwoDisplaysAreCutAndRefreshEveryTick) {
     std::vector<SimDisplay> many;
     for (CGDirectDisplayID id = 1; id <= 40; ++id) many.push_back(simDisplay(id, NSMakeRect(id * 100.0, 0, 100, 100)));
-    displays_->setDisplays(many);
-    renderers_->setRenderers({simRenderer(7, 1)});
-    auto provider = make();
+    auto provider = make(many, {simRenderer(7, 1)});
     EXPECT_EQ(provider->displayCount(), 32);
     EXPECT_EQ(provider->displayIDForMetadata(provider->metadataForAllConnectedDisplays().back()), 32u);
     Posts posts(*this);
@@ -152,9 +137,7 @@ TEST_F(DisplaysProviderTest, MoreThanThirtyTwoDisplaysAreCutAndRefreshEveryTick)
 }
 
 TEST_F(DisplaysProviderTest, NoAcceleratedRendererGivesAnEmptyListAndATickThatRefreshesEachTime) {
-    displays_->setDisplays({simDisplay(1, NSMakeRect(0, 0, 800, 600))});
-    renderers_->setRenderers({simRenderer(1, 1, false)});
-    auto provider = make();
+    auto provider = make({simDisplay(1, NSMakeRect(0, 0, 800, 600))}, {simRenderer(1, 1, false)});
     EXPECT_TRUE(provider->metadataForAllConnectedDisplays().empty());
     EXPECT_EQ(provider->displayCount(), 0);
     EXPECT_EQ(provider->firstGraphicsCardRendererID(), Value());
@@ -170,8 +153,7 @@ TEST_F(DisplaysProviderTest, NoAcceleratedRendererGivesAnEmptyListAndATickThatRe
 }
 
 TEST_F(DisplaysProviderTest, CaptureChangeRefreshesOnceAfterTheSettleDelay) {
-    twoDisplays();
-    auto provider = make();
+    auto provider = twoDisplays();
     ASSERT_TRUE(provider->monitorDisplayIDForCapture(2));
     EXPECT_FALSE(provider->captured());
     Posts posts(*this);
@@ -201,9 +183,7 @@ TEST_F(DisplaysProviderTest, CaptureChangeRefreshesOnceAfterTheSettleDelay) {
 }
 
 TEST_F(DisplaysProviderTest, FractionalCapturedSizeCountsAsAChangeOnEveryLook) {
-    displays_->setDisplays({simDisplay(1, NSMakeRect(0, 0, 1001, 801), 1.5f)});
-    renderers_->setRenderers({simRenderer(1, 1)});
-    auto provider = make();
+    auto provider = make({simDisplay(1, NSMakeRect(0, 0, 1001, 801), 1.5f)}, {simRenderer(1, 1)});
     provider->monitorMainDisplayForCapture();
     displays_->setCaptured(1, true);
     run(1.5);
@@ -219,9 +199,7 @@ TEST_F(DisplaysProviderTest, FractionalCapturedSizeCountsAsAChangeOnEveryLook) {
 
 TEST_F(DisplaysProviderTest, CapturedDisplayOutsideTheListAnswersItsPixels) {
     SimDisplay dropped = simDisplay(5, NSMakeRect(1440, 0, 640, 480), 2.0f, 4);  // no accelerated renderer
-    displays_->setDisplays({simDisplay(1, NSMakeRect(0, 0, 1440, 900)), dropped});
-    renderers_->setRenderers({simRenderer(1, 1)});
-    auto provider = make();
+    auto provider = make({simDisplay(1, NSMakeRect(0, 0, 1440, 900)), dropped}, {simRenderer(1, 1)});
     provider->monitorDisplayIDForCapture(5);
     displays_->setCaptured(5, true);
     provider->refreshCachedDisplays();
@@ -230,8 +208,7 @@ TEST_F(DisplaysProviderTest, CapturedDisplayOutsideTheListAnswersItsPixels) {
 }
 
 TEST_F(DisplaysProviderTest, SleepStopsAndWakeRestartsTheTimer) {
-    twoDisplays();
-    auto provider = make();
+    auto provider = twoDisplays();
     EXPECT_FALSE(provider->asleep());
     const size_t timers = RunLoop::main().timerCount();
     provider->startCheckTimer();
@@ -262,8 +239,7 @@ TEST_F(DisplaysProviderTest, SleepStopsAndWakeRestartsTheTimer) {
 }
 
 TEST_F(DisplaysProviderTest, RefreshFromInsideTheObserverIsIgnored) {
-    twoDisplays();
-    auto provider = make();
+    auto provider = twoDisplays();
     int calls = 0;
     const auto token = center_.addObserver(kDPNDisplayListChanged, nullptr, [&](const Notification& n) {
         ++calls;
@@ -281,8 +257,7 @@ TEST_F(DisplaysProviderTest, RefreshFromInsideTheObserverIsIgnored) {
 }
 
 TEST_F(DisplaysProviderTest, ExceptionDuringTheBuildLeavesTheGuardSet) {
-    twoDisplays();
-    auto provider = make();
+    auto provider = twoDisplays();
     Posts posts(*this);
     renderers_->throwFromQueryRendererInfo(true);
     EXPECT_THROW(provider->refreshCachedDisplays(), std::runtime_error);
@@ -297,8 +272,7 @@ TEST_F(DisplaysProviderTest, ExceptionDuringTheBuildLeavesTheGuardSet) {
 }
 
 TEST_F(DisplaysProviderTest, BusyLockGivesEmptyAnswers) {
-    twoDisplays();
-    auto provider = make();
+    auto provider = twoDisplays();
     ASSERT_EQ(provider->displayCount(), 2);
     std::latch held(1), release(1);
     std::thread holder([&] {
@@ -318,8 +292,7 @@ TEST_F(DisplaysProviderTest, BusyLockGivesEmptyAnswers) {
 }
 
 TEST_F(DisplaysProviderTest, WaitingForDisplaysOnARenderer) {
-    twoDisplays();
-    auto provider = make();
+    auto provider = twoDisplays();
     Posts posts(*this);
     const uint64_t t0 = clock_.clock().now();
     // A wait of 0 with no displays: one look, no sleep.
@@ -334,10 +307,9 @@ TEST_F(DisplaysProviderTest, WaitingForDisplaysOnARenderer) {
 }
 
 TEST_F(DisplaysProviderTest, FrameForARendererIsBuiltOnceForAllRenderers) {
-    displays_->setDisplays({simDisplay(1, NSMakeRect(0, 0, 1440, 900), 1.0f, 1),
-                            simDisplay(2, NSMakeRect(1440, 0, 1280, 1024), 1.0f, 2)});
-    renderers_->setRenderers({simRenderer(0x1000, 1), simRenderer(0x2000, 2)});
-    auto provider = make();
+    auto provider = make({simDisplay(1, NSMakeRect(0, 0, 1440, 900), 1.0f, 1),
+                          simDisplay(2, NSMakeRect(1440, 0, 1280, 1024), 1.0f, 2)},
+                         {simRenderer(0x1000, 1), simRenderer(0x2000, 2)});
     EXPECT_EQ(provider->allScreensFrameForRenderer(Value(0x2000)), NSMakeRect(1440, 0, 1280, 1024));
     EXPECT_EQ(provider->allScreensFrameForRenderer(Value(0x1000)), NSMakeRect(1440, 0, 1280, 1024));
     provider->refreshCachedDisplays();
@@ -348,8 +320,7 @@ TEST_F(DisplaysProviderTest, FrameForARendererIsBuiltOnceForAllRenderers) {
 }
 
 TEST_F(DisplaysProviderTest, MonitoringRequests) {
-    twoDisplays();
-    auto provider = make();
+    auto provider = twoDisplays();
     EXPECT_FALSE(provider->monitorDisplayForCapture(nullptr));
     EXPECT_EQ(log_->count("You must specify a display to be monitored - you passed in nil", kLogFlagWarning), 1);
     auto noID = std::make_shared<Dictionary>(Dictionary{{"width", Value(3)}});
@@ -369,10 +340,9 @@ TEST_F(DisplaysProviderTest, MonitoringRequests) {
 }
 
 TEST_F(DisplaysProviderTest, FailedDisplayListAnswersEmptyUntilTheNextRefresh) {
-    twoDisplays();
     displays_->failActiveDisplayList(kCGErrorFailure);
     Posts posts(*this);
-    auto provider = make();
+    auto provider = twoDisplays();
     EXPECT_EQ(posts.times.size(), 1u);  // the refresh still completes and posts
     EXPECT_EQ(log_->count("Cannot get number of active displays - assuming zero", kLogFlagWarning), 1);
     const int queries = displays_->counters().activeListQueries;
@@ -384,8 +354,7 @@ TEST_F(DisplaysProviderTest, FailedDisplayListAnswersEmptyUntilTheNextRefresh) {
 }
 
 TEST_F(DisplaysProviderTest, ScreenChangeResetsWithKeyChangeAroundIt) {
-    twoDisplays();
-    auto provider = make();
+    auto provider = twoDisplays();
     std::vector<size_t> seen;
     provider->addObserver(
         "monitoredDisplays",
@@ -402,8 +371,7 @@ TEST_F(DisplaysProviderTest, ScreenChangeResetsWithKeyChangeAroundIt) {
 }
 
 TEST_F(DisplaysProviderTest, MetadataMapsAreSharedAndLive) {
-    twoDisplays();
-    auto provider = make();
+    auto provider = twoDisplays();
     auto first = provider->metadataForAllConnectedDisplays();
     {
         std::lock_guard lock(DisplaysProvider::mapMonitor(first[0].get()));

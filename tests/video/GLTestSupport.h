@@ -5,12 +5,11 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
 
-#include "qrl/foundation/Exception.h"
 #include "qrl/video/DisplaysProvider.h"
 #include "qrl/video/OpenGLContextManager.h"
 #include "qrl/video/sim/SimGLContext.h"
@@ -34,11 +33,16 @@ protected:
         provider_.reset();
         GLContext::clearCurrent();
     }
-    // The renderer the fixture installs; tests override fields through `tweak`.
-    virtual SimRenderer renderer() { return simRenderer(kRenderer, 1, true, "Fake Card"); }
-    void useRenderer(const SimRenderer& r) {
+    // The renderer the fixture installs.
+    static SimRenderer renderer() { return simRenderer(kRenderer, 1, true, "Fake Card"); }
+    // Installs that renderer changed by `change`, and starts the manager over.
+    void useRenderer(const std::function<void(SimRenderer&)>& change) {
+        SimRenderer r = renderer();
+        change(r);
         renderers_->setRenderers({r});
         provider_->refreshCachedDisplays();
+        if (manager_) manager_->cleanUp();
+        manager_.reset();
     }
 
     OpenGLContextManager& manager(bool fullScreen = true) {
@@ -55,39 +59,9 @@ protected:
         EXPECT_NE(c, nullptr);
         return *c;
     }
-    // Entries of the journal whose text starts with one of the prefixes, in order.
-    static std::vector<std::string> calls(const SimGLContext& c, std::initializer_list<std::string> prefixes) {
-        std::vector<std::string> out;
-        for (const auto& e : c.journal()) {
-            for (const auto& p : prefixes) {
-                if (e.rfind(p, 0) == 0) {
-                    out.push_back(e);
-                    break;
-                }
-            }
-        }
-        return out;
-    }
-    static size_t indexOf(const std::vector<std::string>& journal, const std::string& prefix) {
-        const auto it = std::find_if(journal.begin(), journal.end(),
-                                     [&](const std::string& e) { return e.rfind(prefix, 0) == 0; });
-        return it == journal.end() ? std::string::npos : static_cast<size_t>(it - journal.begin());
-    }
 
     std::shared_ptr<DisplaysProvider> provider_;
     std::shared_ptr<OpenGLContextManager> manager_;
 };
-
-// Runs `f`, expecting qrl::Exception with exactly this name and reason.
-template <class F>
-void expectRaise(F&& f, const std::string& name, const std::string& reason) {
-    try {
-        f();
-        ADD_FAILURE() << "expected " << name << ": " << reason;
-    } catch (const Exception& e) {
-        EXPECT_EQ(e.name(), name);
-        EXPECT_EQ(e.reason(), reason);
-    }
-}
 
 }  // namespace qrl::test

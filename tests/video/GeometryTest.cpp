@@ -9,7 +9,7 @@
 #include "qrl/video/CGUtils.h"
 #include "qrl/video/DisplaysProvider.h"
 #include "qrl/video/NSRectSanity.h"
-#include "qrl/video/RectFunctions.h"
+#include "qrl/foundation/RectFunctions.h"
 #include "qrl/video/ScreenFrameUnion.h"
 #include "video/VideoTestSupport.h"
 

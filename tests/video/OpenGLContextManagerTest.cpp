@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
 #include <chrono>
 #include <thread>
@@ -62,10 +63,8 @@ TEST_F(OpenGLContextManagerTest, IndexSemanticsAndTheirTexts) {
     EXPECT_EQ(m.displayIDForCurrentContext(), 1u);  // none selected: the main display
 
     // Past either end of the configuration: the main display.
-    EXPECT_EQ(m.displayIDForContextIndex(-1), 1u);
-    EXPECT_EQ(m.displayIDForContextIndex(0), 1u);
-    EXPECT_EQ(m.displayIDForContextIndex(1), 2u);
-    EXPECT_EQ(m.displayIDForContextIndex(2), 1u);
+    constexpr std::pair<int32_t, CGDirectDisplayID> kDisplayOfIndex[] = {{-1, 1}, {0, 1}, {1, 2}, {2, 1}};
+    for (const auto& [index, id] : kDisplayOfIndex) EXPECT_EQ(m.displayIDForContextIndex(index), id) << index;
 
     SimGLContext stranger(SimRenderer{}, nullptr);
     EXPECT_EQ(m.getIndexOfContext(&stranger), -1);
@@ -94,9 +93,7 @@ TEST_F(OpenGLContextManagerTest, MaximumCaptureTextureSizeIsCappedAt4096) {
     // Whatever the size of the desktop (2720 x 1024 here).
     for (const Case c : {Case{8192, 4096}, Case{16384, 4096}, Case{4097, 4096}, Case{4096, 4096}, Case{2048, 2048},
                          Case{100, 100}}) {
-        SimRenderer r = renderer();
-        r.maxRectangleTextureSize = c.reported;
-        useRenderer(r);
+        useRenderer([&](SimRenderer& r) { r.maxRectangleTextureSize = c.reported; });
         auto m = OpenGLContextManager::contextManagerForRenderer(Value(kRenderer), provider_);
         EXPECT_EQ(m->maximumTextureSize(), NSMakeSize(c.expected, c.expected)) << c.reported;
         EXPECT_EQ(m->textureManager()->maxTextureSize(), m->maximumTextureSize());
@@ -129,15 +126,14 @@ TEST_F(OpenGLContextManagerTest, TeardownRunsShadersFrameBuffersTexturesThenCont
     m.setCleanupCallback(callback);
 
     m.cleanUp();
+    // The order is seen only in the calls made.
     const auto journal = c.journal();
-    const size_t program = indexOf(journal, "glDeleteObjectARB");
-    const size_t fbo = indexOf(journal, "glDeleteFramebuffersEXT");
-    const size_t tex = indexOf(journal, "glDeleteTextures");
-    ASSERT_NE(program, std::string::npos);
-    ASSERT_NE(fbo, std::string::npos);
-    ASSERT_NE(tex, std::string::npos);
-    EXPECT_LT(program, fbo);
-    EXPECT_LT(fbo, tex);
+    const auto at = [&](const std::string& call) {
+        return std::find_if(journal.begin(), journal.end(), [&](const std::string& e) { return e.rfind(call, 0) == 0; });
+    };
+    ASSERT_NE(at("glDeleteTextures"), journal.end());
+    EXPECT_LT(at("glDeleteObjectARB"), at("glDeleteFramebuffersEXT"));
+    EXPECT_LT(at("glDeleteFramebuffersEXT"), at("glDeleteTextures"));
     EXPECT_EQ(c.objectCount(), 1u);  // the shader object stays: only the program is released
     EXPECT_EQ(c.textureCount(), 0u);
     EXPECT_FALSE(m.valid());
@@ -234,9 +230,7 @@ TEST_F(OpenGLContextManagerTest, ConstructionFailuresRaiseAndLeaveNothingBehind)
                 "Unable to initialize, no active displays on renderer 119");
     expectRaise([] { OpenGLContextManager::contextManagerForNSOpenGLContext(nullptr); }, "NoCurrentNSOpenGLContext",
                 "To use this method, you must have a current NSOpenGLContext");
-    SimRenderer failing = renderer();
-    failing.contextFails = true;
-    useRenderer(failing);
+    useRenderer([](SimRenderer& r) { r.contextFails = true; });
     try {
         OpenGLContextManager::contextManagerForRenderer(Value(kRenderer), provider_);
         FAIL();
@@ -271,12 +265,12 @@ TEST_F(OpenGLContextManagerTest, LeakReportWaitsForOwnerAndTextureManager) {
     auto extra = manager_;  // a third holder, as a leaked reference would be
     manager_->beginReportingLeakedResources();
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    auto waitFor = [&](const std::string& prefix) {
-        while (std::chrono::steady_clock::now() < deadline) {
-            if (log_->countStartingWith(prefix) > 0) return true;
-            std::this_thread::yield();
-        }
-        return false;
+    const auto waitUntil = [&](const std::function<bool()>& done) {
+        while (!done() && std::chrono::steady_clock::now() < deadline) std::this_thread::yield();
+        return done();
+    };
+    const auto waitFor = [&](const std::string& prefix) {
+        return waitUntil([&] { return log_->countStartingWith(prefix) > 0; });
     };
     ASSERT_TRUE(waitFor("Stage: Owner+TexMgr, ContextMgr with 2 contexts"));
     EXPECT_GE(log_->countStartingWith("Stage: Owner+TexMgr, ContextMgr with 2 contexts, config: [2 screen(s), 1: 1440 x "
@@ -284,11 +278,10 @@ TEST_F(OpenGLContextManagerTest, LeakReportWaitsForOwnerAndTextureManager) {
               1);
     extra.reset();
     ASSERT_TRUE(waitFor("Neat. ContextMgr with 2 contexts"));
-    while (manager_->valid() && std::chrono::steady_clock::now() < deadline) std::this_thread::yield();
-    EXPECT_FALSE(manager_->valid());
+    EXPECT_TRUE(waitUntil([&] { return !manager_->valid(); }));
     EXPECT_EQ(manager_->textureManager(), nullptr);  // let go: the owner is the last holder
     std::weak_ptr<OpenGLContextManager> weak = manager_;
-    while (weak.use_count() > 1 && std::chrono::steady_clock::now() < deadline) std::this_thread::yield();
+    waitUntil([&] { return weak.use_count() == 1; });
     manager_.reset();
     EXPECT_TRUE(weak.expired());
 }

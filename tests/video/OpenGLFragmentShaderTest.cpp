@@ -2,10 +2,10 @@
 
 #include <gtest/gtest.h>
 
-#include <filesystem>
 #include <fstream>
 
 #include "qrl/foundation/Bundle.h"
+#include "support/TemporaryFolder.h"
 #include "video/GLTestSupport.h"
 
 namespace qrl {
@@ -27,12 +27,10 @@ protected:
     }
 };
 
-TEST_F(OpenGLFragmentShaderTest, CompileAndLinkFailuresCarryTheDriversLog) {
+// The drivers' own compile and link texts are checked on EGL.
+TEST_F(OpenGLFragmentShaderTest, FailedCompileOrLinkLeavesAShaderThatDoesNothing) {
     auto& m = selected(0);
-    expectRaise([&] { m.createNewFragmentShaderFromSource("void main() {\n#error no colour today\n}"); }, "Compile Error",
-                "Shared compile error: 0:2(1): preprocessor error: no colour today\n");
-    expectRaise([&] { m.createNewFragmentShaderFromSource("float halve(float x) { return x / 2.0; }"); }, "Link Error",
-                "Shared link error: error: fragment shader lacks `main'\n");
+    EXPECT_THROW(m.createNewFragmentShaderFromSource("void main() {\n#error no colour today\n}"), Exception);
     EXPECT_EQ(m.numberOfFragmentShaders(), 0);
     EXPECT_EQ(sim(0).lockDepth(), 0);
 
@@ -40,9 +38,8 @@ TEST_F(OpenGLFragmentShaderTest, CompileAndLinkFailuresCarryTheDriversLog) {
     auto broken = OpenGLFragmentShader::initWithContextManager(manager_);
     EXPECT_THROW(broken->loadProgram("void main() { gl_FragColor = vec4(1.0); "), Exception);
     EXPECT_EQ(broken->program(), 0u);
-    sim(0).clearJournal();
     broken->use();
-    EXPECT_TRUE(calls(sim(0), {"glUseProgramObjectARB"}).empty());
+    EXPECT_EQ(sim(0).programInUse(), 0u);
     // A failed link leaves the broken program in place; it does not validate.
     auto unlinked = OpenGLFragmentShader::initWithContextManager(manager_);
     EXPECT_THROW(unlinked->loadProgram("float f() { return 1.0; }"), Exception);
@@ -75,30 +72,27 @@ TEST_F(OpenGLFragmentShaderTest, UniformsAndTheirFailures) {
                 "Cannot set parameter mode to -7, OpenGL Error: 1281");
     EXPECT_EQ(sim(0).lockDepth(), 0);
 
-    // Unknown names and uniforms the driver optimized away are not found.
-    expectRaise([&] { s->setUniform("unused", 1.0); }, "No Uniform",
-                "Can't set uniform for unused, to float value. Uniform not found.");
+    // Unknown names are not found (nor, as EGL shows, the optimized-away ones).
     expectRaise([&] { s->setUniform("nothing", int32_t{1}); }, "No Uniform",
                 "Can't set uniform for nothing, to int value. Uniform not found.");
     expectRaise([&] { s->setUniform3fvMatrix("nothing", {}, false); }, "No Uniform",
                 "Can't set uniform for nothing, to matrix value. Uniform not found.");
     // Those raises keep the lock (on purpose: see OpenGLFragmentShader).
-    EXPECT_EQ(sim(0).lockDepth(), 3);
-    for (int i = 0; i < 3; ++i) sim(0).unlock();
+    EXPECT_EQ(sim(0).lockDepth(), 2);
+    for (int i = 0; i < 2; ++i) sim(0).unlock();
 
     s->finish();
     EXPECT_EQ(sim(0).programInUse(), 0u);
 }
 
 TEST_F(OpenGLFragmentShaderTest, ResourcesOfTypeFs) {
-    const auto dir = std::filesystem::temp_directory_path() / ("qrl-fs-" + std::to_string(::getpid()));
-    std::filesystem::create_directories(dir);
-    std::ofstream(dir / "tint.fs") << kTint;
-    std::ofstream(dir / "latin1.fs", std::ios::binary) << "void main() { /* \xE9t\xE9 */ }";
+    test::TemporaryFolder dir("qrl-fs");
+    std::ofstream(dir.file("tint.fs")) << kTint;
+    std::ofstream(dir.file("latin1.fs"), std::ios::binary) << "void main() { /* \xE9t\xE9 */ }";
     auto bundle = std::make_shared<Bundle>();
     bundle->identifier = "org.qrlshared.tests";
     bundle->executablePath = "/opt/tests/bin/app";
-    bundle->resourcePaths = {dir.string()};
+    bundle->resourcePaths = {dir.path()};
 
     auto& m = selected(0);
     auto s = std::dynamic_pointer_cast<OpenGLFragmentShader>(m.createNewFragmentShaderUsingResource("tint", bundle));
@@ -109,8 +103,7 @@ TEST_F(OpenGLFragmentShaderTest, ResourcesOfTypeFs) {
                 "(org.qrlshared.tests). Used shaderPath (null)");
     expectRaise([&] { m.createNewFragmentShaderUsingResource("latin1", bundle); }, "NoShader",
                 "Cannot find or load the shader with name latin1 from bundle Bundle </opt/tests/bin/app> "
-                "(org.qrlshared.tests). Used shaderPath " + (dir / "latin1.fs").string());
-    std::filesystem::remove_all(dir);
+                "(org.qrlshared.tests). Used shaderPath " + dir.file("latin1.fs"));
 }
 
 TEST_F(OpenGLFragmentShaderTest, CleanUpReleasesTheProgramOnce) {
@@ -127,9 +120,8 @@ TEST_F(OpenGLFragmentShaderTest, CleanUpReleasesTheProgramOnce) {
 
     // A shader that never loaded only lets go of its manager.
     auto idle = OpenGLFragmentShader::initWithContextManager(manager_);
-    sim(0).clearJournal();
     idle->cleanUp();
-    EXPECT_TRUE(calls(sim(0), {"glDeleteObjectARB"}).empty());
+    EXPECT_EQ(sim(0).objectCount(), objects - 1);
     EXPECT_EQ(idle->contextManager(), nullptr);
 
     // Without a selected context, loading does nothing and reports nothing.

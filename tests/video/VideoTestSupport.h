@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "qrl/foundation/Exception.h"
 #include "qrl/foundation/NotificationCenter.h"
 #include "qrl/logging/LogLevels.h"
 #include "qrl/logging/QRLAbstractLogger.h"
@@ -44,14 +45,11 @@ public:
         return lines_;
     }
     int count(const std::string& text, int32_t flag = 0) {
-        int n = 0;
-        for (const auto& l : lines()) n += l.text == text && (flag == 0 || l.flag == flag);
-        return n;
+        return static_cast<int>(std::ranges::count_if(
+            lines(), [&](const Line& l) { return l.text == text && (flag == 0 || l.flag == flag); }));
     }
     int countStartingWith(const std::string& prefix) {
-        int n = 0;
-        for (const auto& l : lines()) n += l.text.rfind(prefix, 0) == 0;
-        return n;
+        return static_cast<int>(std::ranges::count_if(lines(), [&](const Line& l) { return l.text.starts_with(prefix); }));
     }
     void clear() {
         QRLLog::flushLog();
@@ -65,21 +63,11 @@ private:
 };
 
 inline SimDisplay simDisplay(CGDirectDisplayID id, NSRect frame, float scale = 1.0f, uint32_t mask = 1) {
-    SimDisplay d;
-    d.id = id;
-    d.frame = frame;
-    d.scale = scale;
-    d.openGLMask = mask;
-    return d;
+    return SimDisplay{.id = id, .frame = frame, .scale = scale, .openGLMask = mask};
 }
 
 inline SimRenderer simRenderer(int32_t id, uint32_t mask, bool accelerated = true, std::string card = "Sim Card") {
-    SimRenderer r;
-    r.rendererID = id;
-    r.displayMask = mask;
-    r.accelerated = accelerated;
-    r.cardName = std::move(card);
-    return r;
+    return SimRenderer{.rendererID = id, .displayMask = mask, .accelerated = accelerated, .cardName = std::move(card)};
 }
 
 // Installs the simulated platform for one test. The release defaults to a
@@ -93,9 +81,6 @@ protected:
           platform_(displays_, renderers_),
           scopedFacts_(facts_),
           log_(std::make_shared<LogCapture>()) {
-        savedEnabled_ = qrl_loggingEnabled.load();
-        savedShared_ = sharedLogLevel.load();
-        savedDomains_ = additionalApplicationLogLevel.load();
         qrl_loggingEnabled = true;
         sharedLogLevel = kLogLevelVerbose;
         additionalApplicationLogLevel = savedDomains_ | kLoggingDebug;
@@ -120,9 +105,22 @@ protected:
     std::shared_ptr<LogCapture> log_;
 
 private:
-    bool savedEnabled_ = false;
-    int32_t savedShared_ = 0;
-    uint32_t savedDomains_ = 0;
+    // What the test changes, put back at its end.
+    bool savedEnabled_ = qrl_loggingEnabled.load();
+    int32_t savedShared_ = sharedLogLevel.load();
+    uint32_t savedDomains_ = additionalApplicationLogLevel.load();
 };
+
+// Runs `f`, expecting qrl::Exception with exactly this name and reason.
+template <class F>
+void expectRaise(F&& f, const std::string& name, const std::string& reason) {
+    try {
+        f();
+        ADD_FAILURE() << "expected " << name << ": " << reason;
+    } catch (const Exception& e) {
+        EXPECT_EQ(e.name(), name);
+        EXPECT_EQ(e.reason(), reason);
+    }
+}
 
 }  // namespace qrl::test

@@ -22,7 +22,7 @@ bool parseNumber(const std::string& text, double& out) {
 
 const char* recordUsage() {
     return "usage: qrl-record [--seconds S] [--fps R] [--out DIR] [--platform sim|x11] [--gpu auto|on|off]\n"
-           "                  [--size WxH] [--seed N] [--realtime]\n"
+           "                  [--size WxH] [--seed N] [--realtime] [--verbose]\n"
            "\n"
            "Records a display, places every frame on the movie's time line, and writes\n"
            "DIR/movie.y4m (constant rate) and DIR/timeline.csv (one row per arrival).\n"
@@ -41,7 +41,9 @@ const char* recordUsage() {
            "  --size WxH     sim picture size, even numbers from 16x16 to 3840x2160 (default\n"
            "                 320x180); implies sim, as x11 records the display at its own size\n"
            "  --seed N       seed of the arrival pattern (default 1)\n"
-           "  --realtime     pace the recording to the wall clock instead of running flat out\n";
+           "  --realtime     pace the recording to the wall clock instead of running flat out\n"
+           "  --verbose      before the summary, say which backend each platform service\n"
+           "                 chose and why the others were refused\n";
 }
 
 std::optional<RecordOptions> parseRecordOptions(int argc, char** argv, std::string& error) {
@@ -73,6 +75,8 @@ std::optional<RecordOptions> parseRecordOptions(int argc, char** argv, std::stri
             o.help = true;
         } else if (arg == "--realtime") {
             o.realtime = true;
+        } else if (arg == "--verbose" || arg == "-v") {
+            o.verbose = true;
         } else if (arg == "--seconds") {
             double v = 0;
             if (!needValue()) return std::nullopt;

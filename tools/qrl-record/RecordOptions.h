@@ -22,6 +22,8 @@ struct RecordOptions {
     bool sizeGiven = false;
     uint64_t seed = 1;
     bool realtime = false;
+    // Print which backend each port chose, and why the others were refused.
+    bool verbose = false;
     bool help = false;
 };
 

@@ -30,7 +30,9 @@
 #include "RecordOptions.h"
 #include "TestPattern.h"
 #include "Y4MWriter.h"
+#include "qrl/foundation/AtomicFile.h"
 #include "qrl/foundation/Clock.h"
+#include "qrl/foundation/BackendChooser.h"
 #include "qrl/foundation/PlatformLog.h"
 #include "qrl/logging/Logging.h"
 #include "qrl/logging/QRLLog.h"
@@ -120,33 +122,32 @@ bool prepareOutputFolder(const std::string& dir, std::string& error) {
     return true;
 }
 
-// A text file written under a temporary name and renamed into place on success.
+// A text file written through the atomic file writer: a stdio stream whose
+// output goes to the writer's temporary file, renamed into place by finish().
 class AtomicTextFile {
 public:
-    explicit AtomicTextFile(std::string path) : path_(std::move(path)), temporary_(path_ + ".partial") {
-        file_ = std::fopen(temporary_.c_str(), "w");
-        if (!file_) throw std::runtime_error("cannot create " + temporary_ + ": " + std::strerror(errno));
+    explicit AtomicTextFile(std::string path) : writer_(std::move(path)) {
+        if (!writer_.ok()) throw std::runtime_error(writer_.error());
+        cookie_io_functions_t io{};
+        io.write = [](void* writer, const char* bytes, size_t size) -> ssize_t {
+            return static_cast<AtomicFileWriter*>(writer)->write(bytes, size) ? static_cast<ssize_t>(size) : -1;
+        };
+        file_ = ::fopencookie(&writer_, "w", io);
+        if (!file_) throw std::runtime_error("cannot write " + writer_.path() + ": " + std::strerror(errno));
     }
     ~AtomicTextFile() {
-        if (file_) {
-            std::fclose(file_);
-            ::unlink(temporary_.c_str());
-        }
+        if (file_) std::fclose(file_);  // the writer then removes its temporary file
     }
     std::FILE* get() { return file_; }
     void finish() {
-        std::FILE* f = file_;
-        file_ = nullptr;
-        if (std::ferror(f) || std::fclose(f) != 0 || std::rename(temporary_.c_str(), path_.c_str()) != 0) {
-            const std::string reason = std::strerror(errno);
-            ::unlink(temporary_.c_str());
-            throw std::runtime_error("cannot write " + path_ + ": " + reason);
-        }
+        std::FILE* f = std::exchange(file_, nullptr);
+        const bool streamed = !std::ferror(f);
+        if (std::fclose(f) != 0 || !streamed || !writer_.commit())
+            throw std::runtime_error(writer_.error().empty() ? "cannot write " + writer_.path() : writer_.error());
     }
 
 private:
-    std::string path_;
-    std::string temporary_;
+    AtomicFileWriter writer_;
     std::FILE* file_ = nullptr;
 };
 
@@ -158,9 +159,9 @@ public:
     static std::unique_ptr<GpuPath> open(const std::shared_ptr<DisplaysProvider>& provider,
                                          const DisplayMetadata& display, int width, int height, std::string& why) {
         const auto devices = VideoPlatform::graphicsDevices();
-        if (devices->backendName() != "egl") {
-            why = devices->backendName() == "sim" ? "the renderers are simulated and draw no pixels"
-                                                  : "no GL renderer: " + VideoPlatform::choiceReport();
+        if (!devices->drawsPixels()) {
+            why = "the \"" + std::string(devices->backendName()) + "\" renderers draw no pixels (" +
+                  VideoPlatform::choiceReport() + ")";
             return nullptr;
         }
         try {
@@ -250,6 +251,15 @@ void progress(const RecordOptions& options, Tally& t, double seconds, bool final
 
 void printSummary(const RecordOptions& options, const FrameTimeOrganizer& organizer, const Y4MWriter& movie,
                   const Tally& t, const std::string& moviePath, const std::string& timelinePath) {
+    if (options.verbose) {
+        std::printf("backends\n");
+        std::string report = backendChoiceReport();
+        for (std::size_t at = 0; at < report.size();) {
+            const std::size_t end = std::min(report.find('\n', at), report.size());
+            std::printf("  %s\n", report.substr(at, end - at).c_str());
+            at = end + 1;
+        }
+    }
     const uint64_t timeScale = organizer.timeScale();
     const uint64_t duration = organizer.frameDuration();
     const uint64_t frames = movie.framesWritten();
@@ -333,11 +343,11 @@ int runSimulated(const RecordOptions& options) {
 
 int runX11(const RecordOptions& options) {
     // The X server of $DISPLAY, whatever QRL_PLATFORM says.
-    ::setenv("QRL_DISPLAY_PLATFORM", "x11", 1);
+    if (!VideoPlatform::request("x11")) throw std::runtime_error("this build has no X11 display backend");
     const auto server = VideoPlatform::displayServer();
-    if (server->backendName() != "x11") throw std::runtime_error("cannot record the X display: " + VideoPlatform::choiceReport());
     auto provider = DisplaysProvider::create(NotificationCenter::defaultCenter());
-    if (!provider->monitorMainDisplayForCapture()) throw std::runtime_error("cannot monitor the main display");
+    if (!provider->monitorMainDisplayForCapture())
+        throw std::runtime_error("cannot record the X display: " + VideoPlatform::choiceReport());
     const CGDirectDisplayID id = provider->displayBeingMonitored();
     DisplayMetadata map;
     for (const auto& m : provider->metadataForAllConnectedDisplays())

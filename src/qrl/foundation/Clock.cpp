@@ -2,11 +2,14 @@
 
 #include <time.h>
 
+#include <algorithm>
+#include <chrono>
 #include <cmath>
-#include <mutex>
+#include <thread>
 #include <string>
 
 #include "qrl/foundation/Exception.h"
+#include "qrl/foundation/InstalledPort.h"
 
 namespace qrl {
 
@@ -37,38 +40,41 @@ void SimulatedClock::setNow(uint64_t ticks) {
 }
 
 namespace {
-std::mutex gClockMutex;
-std::shared_ptr<Clock> gClockOwner;          // keeps the installed clock alive
-std::atomic<Clock*> gClock{nullptr};         // read on the hot path without a lock
-std::atomic<SimulatedClock*> gSimulated{nullptr};
 
 Clock& defaultClock() {
     static MonotonicClock clock;
     return clock;
 }
+
+// Until a clock is installed, readers use the default one without choosing.
+InstalledPort<Clock, true>& clockSlot() {
+    static auto* slot = new InstalledPort<Clock, true>(nullptr);
+    return *slot;
+}
+
 }  // namespace
 
 Clock& installedClock() {
-    Clock* c = gClock.load(std::memory_order_acquire);
+    Clock* c = clockSlot().peek();
     return c ? *c : defaultClock();
 }
 
-std::shared_ptr<Clock> installedClockShared() {
-    std::lock_guard lock(gClockMutex);
-    return gClockOwner;
+std::shared_ptr<Clock> installedClockShared() { return clockSlot().current(); }
+
+void installClock(std::shared_ptr<Clock> clock) { clockSlot().install(std::move(clock)); }
+
+void sleepForTimeInterval(double seconds) {
+    if (!(seconds > 0.0)) return;
+    if (Clock& clock = installedClock(); clock.isVirtual()) {
+        clock.advance(static_cast<uint64_t>(std::llround(std::min(seconds, 1e7) * clock.frequency())));
+        return;
+    }
+    std::this_thread::sleep_for(std::chrono::duration<double>(std::min(seconds, 1e7)));
 }
 
-void installClock(std::shared_ptr<Clock> clock) {
-    std::lock_guard lock(gClockMutex);
-    gClock.store(clock.get(), std::memory_order_release);
-    gSimulated.store(dynamic_cast<SimulatedClock*>(clock.get()), std::memory_order_release);
-    // The old clock is kept alive until the next install so that a reader
-    // that loaded its pointer just before the swap never reads freed memory.
-    static std::shared_ptr<Clock> retired;
-    retired = std::move(gClockOwner);
-    gClockOwner = std::move(clock);
+SimulatedClock* installedSimulatedClock() {
+    Clock& c = installedClock();
+    return c.isVirtual() ? dynamic_cast<SimulatedClock*>(&c) : nullptr;
 }
-
-SimulatedClock* installedSimulatedClock() { return gSimulated.load(std::memory_order_acquire); }
 
 }  // namespace qrl

@@ -16,6 +16,16 @@ public:
     virtual uint64_t now() const = 0;
     // Ticks per second; constant for the life of the clock.
     virtual double frequency() const = 0;
+
+    // Whether time moves only when told to (a simulated clock). Code that
+    // would wait for a moment in time moves such a clock there instead.
+    virtual bool isVirtual() const { return false; }
+    // Moves a virtual clock forward by `ticks`; a real clock moves by itself
+    // and ignores this.
+    virtual void advance(uint64_t ticks) { (void)ticks; }
+    // Moves a virtual clock to `ticks` unless it is already there or past
+    // them (monotonic); a real clock ignores this.
+    virtual void advanceTo(uint64_t ticks) { (void)ticks; }
 };
 
 // CLOCK_MONOTONIC in nanoseconds: 1,000,000,000 ticks per second.
@@ -36,7 +46,9 @@ public:
     uint64_t now() const override { return now_.load(std::memory_order_acquire); }
     double frequency() const override { return frequency_; }
 
-    void advance(uint64_t ticks) { now_.fetch_add(ticks, std::memory_order_acq_rel); }
+    bool isVirtual() const override { return true; }
+    void advance(uint64_t ticks) override { now_.fetch_add(ticks, std::memory_order_acq_rel); }
+    void advanceTo(uint64_t ticks) override { setNow(ticks); }
     void advanceSeconds(double seconds);
     // Moves the clock to `ticks`; refuses to go backwards (monotonic).
     void setNow(uint64_t ticks);
@@ -52,8 +64,14 @@ Clock& installedClock();
 std::shared_ptr<Clock> installedClockShared();
 void installClock(std::shared_ptr<Clock> clock);
 
-// Convenience: the installed clock as a SimulatedClock, or null when the real
-// clock is installed.
+// Blocks the calling thread for `seconds` of the installed clock's time; on
+// a virtual clock it moves that clock forward instead, so that waits are
+// instant and exact in simulations. Nothing for 0, negative or NaN.
+void sleepForTimeInterval(double seconds);
+
+// Convenience for tests and simulations: the installed clock as a
+// SimulatedClock, or null when another clock is installed. Library code asks
+// the clock itself (isVirtual, advanceTo) instead.
 SimulatedClock* installedSimulatedClock();
 
 }  // namespace qrl

@@ -286,7 +286,7 @@ bool RunLoop::pass(std::optional<std::chrono::nanoseconds> maxWait) {
             fdTokens.push_back(token);
         }
         if (!s.posted.empty()) waitNs = 0;
-        if (!s.schedule.empty() && !installedSimulatedClock()) {
+        if (!s.schedule.empty() && !installedClock().isVirtual()) {
             Clock& clock = installedClock();
             const uint64_t now = clock.now();
             const uint64_t deadline = s.schedule.begin()->first;
@@ -385,7 +385,7 @@ void RunLoop::run() {
     bindToCallingThread();
     for (;;) {
         if (impl_->stopRequested.exchange(false)) return;
-        if (installedSimulatedClock() && timerCount() > 0) pass(std::chrono::milliseconds(1));
+        if (installedClock().isVirtual() && timerCount() > 0) pass(std::chrono::milliseconds(1));
         else pass(std::nullopt);
     }
 }
@@ -399,17 +399,17 @@ bool RunLoop::runUntil(uint64_t deadlineTicks) {
     bindToCallingThread();
     for (;;) {
         if (impl_->stopRequested.exchange(false)) return false;
-        if (SimulatedClock* sim = installedSimulatedClock()) {
+        if (Clock& virtualClock = installedClock(); virtualClock.isVirtual()) {
             pass(std::chrono::nanoseconds(0));
             if (impl_->stopRequested.exchange(false)) return false;
             const std::optional<uint64_t> next = nextTimerDeadline();
-            const uint64_t now = sim->now();
+            const uint64_t now = virtualClock.now();
             if (next && *next <= deadlineTicks) {
-                if (*next > now) sim->setNow(*next);
+                if (*next > now) virtualClock.advanceTo(*next);
                 continue;
             }
             if (now < deadlineTicks) {
-                sim->setNow(deadlineTicks);
+                virtualClock.advanceTo(deadlineTicks);
                 continue;  // one more pass at the deadline itself
             }
             return true;
@@ -420,7 +420,7 @@ bool RunLoop::runUntil(uint64_t deadlineTicks) {
             deadlineTicks <= now ? 0 : ticksToNanoseconds(deadlineTicks - now, clock.frequency());
         pass(std::chrono::nanoseconds(untilDeadline));
         if (impl_->stopRequested.exchange(false)) return false;
-        if (installedClock().now() >= deadlineTicks && !installedSimulatedClock()) return true;
+        if (installedClock().now() >= deadlineTicks && !installedClock().isVirtual()) return true;
     }
 }
 
@@ -448,7 +448,7 @@ bool RunLoop::runUntil(const std::function<bool()>& done, double realTimeLimitSe
 bool RunLoop::runOnce(double timeoutSeconds) {
     const auto timeout = realTimeout(timeoutSeconds, "runOnce()");
     bindToCallingThread();
-    if (installedSimulatedClock()) return pass(std::chrono::nanoseconds(0));
+    if (installedClock().isVirtual()) return pass(std::chrono::nanoseconds(0));
     return pass(timeout);
 }
 

@@ -9,10 +9,7 @@
 #include "qrl/foundation/Format.h"
 #include "qrl/foundation/PlatformLog.h"
 #include "qrl/foundation/RunLoop.h"
-#include "qrl/logging/sim/SimDistributedNotificationCenter.h"
-#if QRL_HAVE_SDBUS
-#include "qrl/logging/dbus/DBusDistributedNotificationCenter.h"
-#endif
+#include "qrl/logging/detail/LoggingBackends.h"
 
 namespace qrl {
 
@@ -100,49 +97,21 @@ std::optional<Value> portableValue(const Value& value, int depth, std::size_t& d
 
 void raise(const std::string& reason) { Exception::raise("DistributedNotificationCenter", reason); }
 
-// The process's centre. Never destroyed, so that late callers (and static
-// objects ending at exit) still find it.
-struct Installed {
-    std::mutex mutex;
-    std::shared_ptr<DistributedNotificationCenter> center;  // guarded by mutex
-    std::string report;                                     // guarded by mutex
-};
+std::mutex gReportMutex;
+std::string gReport;  // guarded by gReportMutex
 
-Installed& installed() {
-    static auto* s = new Installed;
-    return *s;
-}
-
-std::shared_ptr<DistributedNotificationCenter> choose(std::string& report) {
-    const char* named = std::getenv("QRL_NOTIFICATION_PLATFORM");
-    if (!named || !*named) named = std::getenv("QRL_PLATFORM");
-    const std::string name = named ? named : "";
-    if (name == "sim") {
-        report = "sim (named)";
-        return SimDistributedNotificationCenter::create(RunLoop::main());
+std::shared_ptr<DistributedNotificationCenter> choose() {
+    BackendChoice choice;
+    auto center = chooseBackend(detail::kNotificationPort, detail::distributedCenterBackends(), &choice);
+    {
+        std::lock_guard lock(gReportMutex);
+        gReport = choice.describe();
     }
-    if (name == "local" || name == "none") {
-        report = "local (named)";
-        return DistributedNotificationCenter::makeLocal(RunLoop::main());
-    }
-    std::string why;
-    if (!name.empty() && name != "dbus") {
-        platformLogFormat("Cross-process notifications: no backend named \"%@\"", name);
-        why = "no backend named \"" + name + "\"; ";
-    }
-#if QRL_HAVE_SDBUS
-    std::string dbusWhy;
-    if (auto dbus = DBusDistributedNotificationCenter::open(std::nullopt, RunLoop::main(), &dbusWhy)) {
-        report = "dbus";
-        return dbus;
-    }
-    why += "dbus: " + dbusWhy;
-#else
-    why += "dbus: not built (libsystemd missing at build time)";
-#endif
-    report = "local (" + why + ")";
-    platformLogFormat("Cross-process notifications: no session bus (%@); they reach this process only", why);
-    return DistributedNotificationCenter::makeLocal(RunLoop::main());
+    for (const auto& note : choice.notes) platformLogFormat("Cross-process notifications: %@", note);
+    if (choice.chosen == "local" && choice.named != "local")
+        platformLogFormat("Cross-process notifications: no session bus (%@); they reach this process only",
+                          choice.reasons());
+    return center;
 }
 
 }  // namespace
@@ -266,43 +235,27 @@ std::shared_ptr<DistributedNotificationCenter> DistributedNotificationCenter::ma
     return std::make_shared<LocalDistributedNotificationCenter>(deliveryLoop);
 }
 
-std::shared_ptr<DistributedNotificationCenter> DistributedNotificationCenter::defaultCenter() {
-    Installed& s = installed();
-    std::lock_guard lock(s.mutex);
-    if (!s.center) s.center = choose(s.report);
-    return s.center;
+InstalledPort<DistributedNotificationCenter>& DistributedNotificationCenter::slot() {
+    // Never destroyed, so that late callers (and static objects ending at
+    // exit) still find the centre.
+    static auto* s = new InstalledPort<DistributedNotificationCenter>(&choose);
+    return *s;
 }
 
+std::shared_ptr<DistributedNotificationCenter> DistributedNotificationCenter::defaultCenter() { return slot().get(); }
+
 void DistributedNotificationCenter::install(std::shared_ptr<DistributedNotificationCenter> center) {
-    Installed& s = installed();
-    std::shared_ptr<DistributedNotificationCenter> previous;
-    {
-        std::lock_guard lock(s.mutex);
-        previous = std::exchange(s.center, std::move(center));
-    }
-    // The old centre goes here, outside the lock: a backend's teardown may wait.
+    // The old centre goes outside the lock: a backend's teardown may wait.
+    slot().install(std::move(center));
 }
 
 std::string DistributedNotificationCenter::choiceReport() {
-    Installed& s = installed();
-    std::lock_guard lock(s.mutex);
-    return s.report;
+    std::lock_guard lock(gReportMutex);
+    return gReport;
 }
 
 ScopedDistributedNotificationCenter::ScopedDistributedNotificationCenter(
-    std::shared_ptr<DistributedNotificationCenter> center) {
-    Installed& s = installed();
-    std::lock_guard lock(s.mutex);
-    previous_ = std::exchange(s.center, std::move(center));
-}
-
-ScopedDistributedNotificationCenter::~ScopedDistributedNotificationCenter() {
-    Installed& s = installed();
-    std::shared_ptr<DistributedNotificationCenter> leaving;
-    {
-        std::lock_guard lock(s.mutex);
-        leaving = std::exchange(s.center, std::move(previous_));
-    }
-}
+    std::shared_ptr<DistributedNotificationCenter> center)
+    : ScopedPort<DistributedNotificationCenter>(DistributedNotificationCenter::slot(), std::move(center)) {}
 
 }  // namespace qrl

@@ -15,6 +15,7 @@
 #include <string>
 #include <string_view>
 
+#include "qrl/foundation/InstalledPort.h"
 #include "qrl/foundation/NotificationCenter.h"
 #include "qrl/foundation/Value.h"
 
@@ -91,9 +92,9 @@ public:
     // Notifications handed to this process's observers so far.
     std::size_t deliveredCount() const { return delivered_.load(std::memory_order_relaxed); }
 
-    // The process's centre, chosen on first use: $QRL_NOTIFICATION_PLATFORM,
-    // else $QRL_PLATFORM, may name "dbus", "sim" (a centre joined to nobody)
-    // or "local". Unnamed (or named "dbus"), the list is [dbus]: the session
+    // The process's centre, chosen on first use from the logging backend
+    // list: $QRL_NOTIFICATION_PLATFORM, else $QRL_PLATFORM, may name "dbus",
+    // "sim" (a centre joined to nobody) or "local" ("none"). Unnamed (or named "dbus"), the list is [dbus]: the session
     // bus of $DBUS_SESSION_BUS_ADDRESS (else $XDG_RUNTIME_DIR/bus). Where it
     // cannot be reached, the platform log says so once and the centre is the
     // local one: notifications reach this process only. A name that no
@@ -104,6 +105,7 @@ public:
     static void install(std::shared_ptr<DistributedNotificationCenter> center);
     // Why the automatic choice ended where it did ("" before it was made).
     static std::string choiceReport();
+    static InstalledPort<DistributedNotificationCenter>& slot();
 
     // A centre that reaches this process only, delivering on `deliveryLoop`.
     static std::shared_ptr<DistributedNotificationCenter> makeLocal(RunLoop& deliveryLoop);
@@ -140,15 +142,9 @@ private:
 };
 
 // Installs a centre for the lifetime of the object and puts the previous one back.
-class ScopedDistributedNotificationCenter {
+class ScopedDistributedNotificationCenter : public ScopedPort<DistributedNotificationCenter> {
 public:
     explicit ScopedDistributedNotificationCenter(std::shared_ptr<DistributedNotificationCenter> center);
-    ~ScopedDistributedNotificationCenter();
-    ScopedDistributedNotificationCenter(const ScopedDistributedNotificationCenter&) = delete;
-    ScopedDistributedNotificationCenter& operator=(const ScopedDistributedNotificationCenter&) = delete;
-
-private:
-    std::shared_ptr<DistributedNotificationCenter> previous_;
 };
 
 }  // namespace qrl

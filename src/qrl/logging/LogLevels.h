@@ -13,16 +13,17 @@ namespace qrl {
 
 // Process-wide switches, read without a lock by every statement. Relaxed
 // atomics compile to plain loads; a stale read costs one message at most.
-extern std::atomic<bool> qrl_loggingEnabled;               // master switch; load value true
-extern std::atomic<bool> qrl_autoSyncDefaults;             // load value true; read by nothing here
-extern std::atomic<int32_t> sharedLogLevel;                // context 1; load value 7
-extern std::atomic<int32_t> foundationLogLevel;            // load value 7; tested by no statement here
-extern std::atomic<int32_t> legacyLogLevel;                // load value 7; tested by no statement here
-extern std::atomic<int32_t> qtClientLogLevel;              // load value 3; tested by no statement here
-extern std::atomic<int32_t> uploaderLogLevel;              // context 16; load value 3
-extern std::atomic<int32_t> applicationLogLevel;           // context 32; load value 7
-extern std::atomic<uint32_t> additionalApplicationLogLevel;  // enabled domains; load value 0
-extern std::atomic<bool> _qrl_enableClassAndMethodLogging;   // formatters print file and method; false
+// Each starts at its entry of kLogLoadValues below.
+extern std::atomic<bool> qrl_loggingEnabled;               // master switch
+extern std::atomic<bool> qrl_autoSyncDefaults;             // read by nothing here
+extern std::atomic<int32_t> sharedLogLevel;                // context 1
+extern std::atomic<int32_t> foundationLogLevel;            // tested by no statement here
+extern std::atomic<int32_t> legacyLogLevel;                // tested by no statement here
+extern std::atomic<int32_t> qtClientLogLevel;              // tested by no statement here
+extern std::atomic<int32_t> uploaderLogLevel;              // context 16
+extern std::atomic<int32_t> applicationLogLevel;           // context 32
+extern std::atomic<uint32_t> additionalApplicationLogLevel;  // enabled domains
+extern std::atomic<bool> _qrl_enableClassAndMethodLogging;   // formatters print file and method
 
 // A statement has exactly one flag; a level is a mask of flags.
 inline constexpr int32_t kLogFlagError = 1;
@@ -60,6 +61,31 @@ inline constexpr uint32_t kLoggingQRLAVFoundation = 0x80000;
 
 // Only these bits of a domain take part in the domain guard.
 inline constexpr uint32_t kLoggingDomainMask = 0x1ffffff;
+
+// The values the switches hold when the library loads, before Logging's
+// set-up reads the stored levels over them.
+struct LogLoadValues {
+    bool loggingEnabled;
+    bool autoSyncDefaults;
+    int32_t shared, foundation, legacy, qtClient, uploader, application;
+    uint32_t domains;
+    bool classAndMethod;
+};
+inline constexpr LogLoadValues kLogLoadValues{
+    .loggingEnabled = true,
+    .autoSyncDefaults = true,
+    .shared = kLogLevelInfo,
+    .foundation = kLogLevelInfo,
+    .legacy = kLogLevelInfo,
+    .qtClient = kLogLevelWarning,
+    .uploader = kLogLevelWarning,
+    .application = kLogLevelInfo,
+    .domains = 0,
+    .classAndMethod = false,
+};
+
+// Stores kLogLoadValues into every switch, as at load.
+void resetLogLevelsToLoadValues();
 
 }  // namespace qrl
 

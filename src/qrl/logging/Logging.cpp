@@ -172,7 +172,7 @@ const Dictionary& Logging::loggingSharedDefaults() {
 void Logging::setupLoggersFromScratch() {
     ClassState& s = classState();
     std::lock_guard lock(s.classLock);
-    additionalApplicationLogLevel.store(0, std::memory_order_relaxed);
+    additionalApplicationLogLevel.store(kLogLoadValues.domains, std::memory_order_relaxed);
     resetLoggingFormatters();
     std::shared_ptr<Logging> instance = defaultLogger();
     if (instance) instance->removeDefaultsObservers();
@@ -606,16 +606,7 @@ void resetLoggingForTesting() {
     QRLLog::flushLog();
     QRLLog::removeAllLoggers();
     QRLLog::flushLog();
-    qrl_loggingEnabled.store(true, std::memory_order_relaxed);
-    qrl_autoSyncDefaults.store(true, std::memory_order_relaxed);
-    sharedLogLevel.store(7, std::memory_order_relaxed);
-    foundationLogLevel.store(7, std::memory_order_relaxed);
-    legacyLogLevel.store(7, std::memory_order_relaxed);
-    qtClientLogLevel.store(3, std::memory_order_relaxed);
-    uploaderLogLevel.store(3, std::memory_order_relaxed);
-    applicationLogLevel.store(7, std::memory_order_relaxed);
-    additionalApplicationLogLevel.store(0, std::memory_order_relaxed);
-    _qrl_enableClassAndMethodLogging.store(false, std::memory_order_relaxed);
+    resetLogLevelsToLoadValues();
 }
 
 Dictionary argumentDomain(const std::vector<std::string>& arguments) {

@@ -16,7 +16,7 @@
 #include "qrl/logging/QRLLogFileInfo.h"
 #include "qrl/logging/detail/LogFileAttributes.h"
 #include "qrl/logging/detail/LogFileSystem.h"
-#include "qrl/system/Identification.h"
+#include "qrl/foundation/Identification.h"
 
 namespace qrl {
 

@@ -9,6 +9,8 @@
 #include <string>
 #include <string_view>
 
+#include "qrl/foundation/InstalledPort.h"
+
 namespace qrl {
 
 class SystemFacts {
@@ -24,25 +26,21 @@ public:
     // 'qtim'); nullopt when the query fails or the system has no such fact.
     virtual std::optional<int32_t> gestalt(uint32_t selector) const = 0;
 
-    // The installed facts. On first use: $QRL_SYSTEM_PLATFORM, else
-    // $QRL_PLATFORM, names a backend ("linux", or "sim" for an empty
-    // simulated one); otherwise the first of the list that works, which on
-    // Linux is always "linux". Thread-safe.
+    // The installed facts. On first use from the system backend list:
+    // $QRL_SYSTEM_PLATFORM, else $QRL_PLATFORM, may name a backend ("linux",
+    // or "sim" for an empty simulated one); otherwise the first of the list
+    // that works, which on Linux is always "linux". Thread-safe.
     static std::shared_ptr<SystemFacts> installed();
     // Replaces the installed facts (null goes back to the automatic choice).
     static void install(std::shared_ptr<SystemFacts> facts);
+
+    static InstalledPort<SystemFacts>& slot();
 };
 
 // Installs facts for the lifetime of the object and puts the previous ones back.
-class ScopedSystemFacts {
+class ScopedSystemFacts : public ScopedPort<SystemFacts> {
 public:
     explicit ScopedSystemFacts(std::shared_ptr<SystemFacts> facts);
-    ~ScopedSystemFacts();
-    ScopedSystemFacts(const ScopedSystemFacts&) = delete;
-    ScopedSystemFacts& operator=(const ScopedSystemFacts&) = delete;
-
-private:
-    std::shared_ptr<SystemFacts> previous_;
 };
 
 }  // namespace qrl

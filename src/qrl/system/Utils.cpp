@@ -1,20 +1,15 @@
 #include "qrl/system/Utils.h"
 
 #include <algorithm>
-#include <chrono>
 #include <cmath>
 #include <limits>
-#include <thread>
 
 #include "qrl/foundation/Clock.h"
 #include "qrl/foundation/FourCC.h"
 #include "qrl/foundation/PlatformLog.h"
+#include "qrl/foundation/RectFunctions.h"
+#include "qrl/system/ScreenEnvironment.h"
 #include "qrl/system/SystemFacts.h"
-#include "qrl/video/DisplayServer.h"
-#include "qrl/video/DisplaysProvider.h"
-#include "qrl/video/RectFunctions.h"
-#include "qrl/video/ScreenFrameUnion.h"
-#include "qrl/video/VideoPlatform.h"
 
 namespace qrl {
 
@@ -94,7 +89,7 @@ void Utils::dumpRectCgRect(std::string_view label, const CGRect& r) {
 }
 
 CGRect Utils::centreAroundScreenPoint(const CGRect& rect, const CGPoint& point) {
-    const NSRect frame = allScreensFrame();
+    const NSRect frame = ScreenEnvironment::installed()->allScreensFrame();
     const double w = rect.size.width;
     const double h = rect.size.height;
     int64_t x = truncToInt64(point.x - w * 0.5);
@@ -109,7 +104,7 @@ CGRect Utils::centreAroundScreenPoint(const CGRect& rect, const CGPoint& point) 
 CGRect Utils::getScaledRect(const CGRect& rect, float scale) {
     const float w = static_cast<float>(truncToInt32(rect.size.width)) / scale;
     const float h = static_cast<float>(truncToInt32(rect.size.height)) / scale;
-    const NSPoint mouse = VideoPlatform::displayServer()->mouseLocation();
+    const NSPoint mouse = ScreenEnvironment::installed()->mouseLocation();
     return NSFloorIntegralRect(CGRectMake(mouse.x - w * 0.5, mouse.y - h * 0.5, w, h));
 }
 
@@ -122,8 +117,6 @@ CGRect Utils::integralizeForView(const CGRect& rect, const CoordinateView* view)
     if (!view) return NSZeroRect;
     return view->convertRectFromWindow(NSIntegralRect(view->convertRectToWindow(rect)));
 }
-
-float Utils::scaleFactor(const NSScreen* object) { return object ? object->userSpaceScaleFactor() : 1.0f; }
 
 namespace {
 
@@ -168,34 +161,24 @@ CGRect Utils::center(const CGSize& size, const CGRect& bounds, double* reduction
                       size.height);
 }
 
-void Utils::wakeUpIfASleep() { wakeUpIfASleep(*DisplaysProvider::defaultProvider()); }
+void Utils::wakeUpIfASleep() { wakeUpIfASleep(*ScreenEnvironment::installed()); }
 
-void Utils::wakeUpIfASleep(DisplaysProvider& provider) {
-    auto cards = provider.graphicsCardsByRenderID();
-    if (!cards.empty()) platformLogFormat("Card count is %d. Not bothering to wake displays...", static_cast<int>(cards.size()));
+void Utils::wakeUpIfASleep(ScreenEnvironment& screens) {
+    std::size_t cards = screens.graphicsCardCount();
+    if (cards > 0) platformLogFormat("Card count is %d. Not bothering to wake displays...", static_cast<int>(cards));
     Clock& clock = installedClock();
     const uint64_t start = clock.now();
-    while (cards.empty() && static_cast<double>(clock.now() - start) / clock.frequency() < 15.0) {
-        const auto displays = VideoPlatform::displayServer();
-        const CGDirectDisplayID main = displays->mainDisplayID();
-        displays->moveCursorToPoint(main, CGPoint{0, 0});
-        displays->updateSystemActivity(kUsrActivity);
-        displays->updateSystemActivity(kOverallAct);
+    while (cards == 0 && static_cast<double>(clock.now() - start) / clock.frequency() < 15.0) {
+        screens.moveCursorOnMainDisplay(CGPoint{0, 0});
+        screens.reportUserActivity();
         sleepForTimeInterval(1.0);
-        displays->moveCursorToPoint(main, CGPoint{1, 1});
+        screens.moveCursorOnMainDisplay(CGPoint{1, 1});
         platformLog("Waiting for display to wake up...");
         // The provider's current list, so that a card that appears ends the wait.
-        cards = provider.graphicsCardsByRenderID();
+        cards = screens.graphicsCardCount();
     }
 }
 
-void Utils::sleepForTimeInterval(double seconds) {
-    if (!(seconds > 0.0)) return;
-    if (SimulatedClock* sim = installedSimulatedClock()) {
-        sim->advanceSeconds(seconds);
-        return;
-    }
-    std::this_thread::sleep_for(std::chrono::duration<double>(std::min(seconds, 1e7)));
-}
+void Utils::sleepForTimeInterval(double seconds) { qrl::sleepForTimeInterval(seconds); }
 
 }  // namespace qrl

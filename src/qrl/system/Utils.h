@@ -3,16 +3,16 @@
 // sleeping display.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string_view>
 
+#include "qrl/foundation/Geometry.h"
 #include "qrl/system/Version.h"
-#include "qrl/video/Geometry.h"
-#include "qrl/video/NSScreen.h"
 
 namespace qrl {
 
-class DisplaysProvider;
+class ScreenEnvironment;
 
 // The classic rectangle record: word 0 top, word 1 left, word 2 bottom, word 3 right.
 struct Rect {
@@ -79,8 +79,13 @@ public:
     static CGRect integralizeAndFloorForView(const CGRect& rect, const CoordinateView* view);
     // Through the view's window coordinates, made integral; NSZeroRect for no view.
     static CGRect integralizeForView(const CGRect& rect, const CoordinateView* view);
-    // The screen's user-space scale factor; 1.0 for null.
-    static float scaleFactor(const NSScreen* object);
+    // The screen's user-space scale factor; 1.0 for null. Any screen type
+    // with userSpaceScaleFactor() (the display layer's NSScreen).
+    template <class Screen>
+    static float scaleFactor(const Screen* object) {
+        return object ? object->userSpaceScaleFactor() : 1.0f;
+    }
+    static float scaleFactor(std::nullptr_t) { return 1.0f; }
     // An aspect-preserving fit when the size is larger than the bounds (the
     // factor is the final width or height over the size's); otherwise the
     // size centred relative to the bounds (origin ignored) with factor 1.0.
@@ -93,12 +98,12 @@ public:
     // the main display and reports activity, once a second for up to 15
     // seconds, until one appears. Blocks its thread meanwhile.
     static void wakeUpIfASleep();
-    // The same against a given provider (tests, tools).
-    static void wakeUpIfASleep(DisplaysProvider& provider);
+    // The same against a given environment (tests, tools; the display
+    // layer's DisplaysScreenEnvironment wraps a given provider).
+    static void wakeUpIfASleep(ScreenEnvironment& screens);
 
-    // Blocks the calling thread for `seconds`; when a simulated clock is
-    // installed it moves that clock forward instead, so that waits are
-    // instant and exact in simulations.
+    // qrl::sleepForTimeInterval (foundation/Clock.h): blocks the calling
+    // thread for `seconds`; on a virtual clock it moves that clock instead.
     static void sleepForTimeInterval(double seconds);
 };
 

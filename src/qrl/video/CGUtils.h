@@ -3,7 +3,7 @@
 // implements.
 #pragma once
 
-#include "qrl/video/Geometry.h"
+#include "qrl/foundation/Geometry.h"
 
 namespace qrl {
 

@@ -11,7 +11,7 @@
 
 #include "qrl/foundation/Value.h"
 #include "qrl/video/GLContext.h"
-#include "qrl/video/Geometry.h"
+#include "qrl/foundation/Geometry.h"
 #include "qrl/video/GraphicsDevices.h"
 #include "qrl/video/NSScreen.h"
 

@@ -9,7 +9,7 @@
 #include <string_view>
 #include <vector>
 
-#include "qrl/video/Geometry.h"
+#include "qrl/foundation/Geometry.h"
 #include "qrl/video/NSScreen.h"
 
 namespace qrl {

@@ -19,7 +19,7 @@
 #include "qrl/foundation/NotificationCenter.h"
 #include "qrl/foundation/RunLoop.h"
 #include "qrl/foundation/Value.h"
-#include "qrl/video/Geometry.h"
+#include "qrl/foundation/Geometry.h"
 #include "qrl/video/NSScreen.h"
 #include "qrl/video/detail/RecursiveTimedLock.h"
 

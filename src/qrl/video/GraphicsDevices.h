@@ -62,6 +62,9 @@ public:
 
     // "sim", "egl", "none".
     virtual std::string_view backendName() const = 0;
+    // Whether contexts made here draw real pixels that can be read back (a
+    // simulated renderer only records the calls).
+    virtual bool drawsPixels() const { return true; }
 
     // The renderers that can serve `displayMask`, in the platform's order,
     // into `renderers` (replaced). Non-zero on failure.

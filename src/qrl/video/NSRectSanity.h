@@ -6,7 +6,7 @@
 #include <string_view>
 
 #include "qrl/foundation/Value.h"
-#include "qrl/video/Geometry.h"
+#include "qrl/foundation/Geometry.h"
 
 namespace qrl {
 

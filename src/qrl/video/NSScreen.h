@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "qrl/foundation/Value.h"
-#include "qrl/video/Geometry.h"
+#include "qrl/foundation/Geometry.h"
 
 namespace qrl {
 

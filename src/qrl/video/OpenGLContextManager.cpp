@@ -12,7 +12,7 @@
 #include "qrl/system/Utils.h"
 #include "qrl/video/DisplayServer.h"
 #include "qrl/video/GraphicsDevices.h"
-#include "qrl/video/RectFunctions.h"
+#include "qrl/foundation/RectFunctions.h"
 #include "qrl/video/TextureManagerImpl.h"
 #include "qrl/video/VideoPlatform.h"
 #include "qrl/video/gl/OpenGLFragmentShader.h"

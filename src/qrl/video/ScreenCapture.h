@@ -10,7 +10,7 @@
 #include <string>
 #include <string_view>
 
-#include "qrl/video/Geometry.h"
+#include "qrl/foundation/Geometry.h"
 #include "qrl/video/NSScreen.h"
 
 namespace qrl {

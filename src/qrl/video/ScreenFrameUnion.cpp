@@ -3,7 +3,8 @@
 #include <algorithm>
 
 #include "qrl/video/DisplayServer.h"
-#include "qrl/video/RectFunctions.h"
+#include "qrl/foundation/RectFunctions.h"
+#include "qrl/video/DisplaysProvider.h"
 #include "qrl/video/VideoPlatform.h"
 
 namespace qrl {
@@ -55,6 +56,12 @@ NSRect allScreensFrame() {
     NSRect all = NSZeroRect;
     for (const auto& screen : NSScreen::screens()) all = NSUnionRect(all, screen->frame());
     return NSFloorIntegralRect(all);
+}
+
+NSPoint QRLFlipFromCocoaToQuartzCoords(const NSPoint& p) {
+    const auto screen = DisplaysProvider::screenForDisplayID(VideoPlatform::displayServer()->mainDisplayID());
+    const double height = screen ? screen->frame().size.height : 0.0;
+    return {p.x, height - p.y};
 }
 
 }  // namespace qrl

@@ -3,7 +3,7 @@
 // the union of all screens' frames.
 #pragma once
 
-#include "qrl/video/Geometry.h"
+#include "qrl/foundation/Geometry.h"
 #include "qrl/video/NSScreen.h"
 
 namespace qrl {
@@ -32,5 +32,9 @@ NSScreenRef screenUnderMouse();
 NSScreenRef screenContainingRect(NSRect rect);
 // The union of every screen's frame, floored; NSZeroRect with no screens.
 NSRect allScreensFrame();
+
+// y becomes the height of the main display's screen minus y; x stays. With
+// no such screen the height counts as 0.
+NSPoint QRLFlipFromCocoaToQuartzCoords(const NSPoint& p);
 
 }  // namespace qrl

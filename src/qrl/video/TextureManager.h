@@ -8,7 +8,7 @@
 #include <span>
 #include <string>
 
-#include "qrl/video/Geometry.h"
+#include "qrl/foundation/Geometry.h"
 #include "qrl/video/gl/GLFunctions.h"
 
 namespace qrl {

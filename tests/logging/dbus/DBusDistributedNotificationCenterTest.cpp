@@ -6,9 +6,9 @@
 #include <limits>
 
 #include "logging/LoggingTestSupport.h"
-#include "logging/dbus/PrivateSessionBus.h"
 #include "qrl/foundation/RunLoop.h"
 #include "qrl/logging/dbus/DBusDistributedNotificationCenter.h"
+#include "support/PrivateServer.h"
 
 namespace qrl {
 namespace {
@@ -17,12 +17,7 @@ using Center = DBusDistributedNotificationCenter;
 
 class DBusCenterTest : public ::testing::Test {
 protected:
-    void SetUp() override {
-        if (bus_.address().empty()) {
-            if (test::underCIRun()) FAIL() << "dbus-daemon needed under CI: " << bus_.why();
-            GTEST_SKIP() << "no private session bus: " << bus_.why();
-        }
-    }
+    void SetUp() override { QRL_REQUIRE_SERVER(bus_); }
     void TearDown() override {
         for (int i = 0; i < 10 && RunLoop::main().runOnce(0.0); ++i) {
         }
@@ -39,7 +34,7 @@ protected:
     static bool runUntil(const std::function<bool()>& done) { return RunLoop::main().runUntil(done, 5.0); }
 
     test::CapturedPlatformLog log_;
-    test::PrivateSessionBus bus_;
+    test::PrivateServer bus_ = test::PrivateServer::dbusDaemon();
 };
 
 // What one centre heard.
@@ -103,8 +98,7 @@ TEST_F(DBusCenterTest, APostReachesEveryListenerAndTheSenderWithItsValues) {
 }
 
 TEST_F(DBusCenterTest, ForeignSignalsAreReadAsFarAsTheyCanBeAndMalformedOnesIgnored) {
-    const std::string gdbus = test::programOnPath("gdbus");
-    if (gdbus.empty()) GTEST_SKIP() << "gdbus is not installed";
+    QRL_SKIP_UNLESS(!test::findProgram("gdbus").empty(), "gdbus is not installed");
     auto center = open();
     ASSERT_TRUE(center);
     Heard heard;
@@ -112,17 +106,10 @@ TEST_F(DBusCenterTest, ForeignSignalsAreReadAsFarAsTheyCanBeAndMalformedOnesIgno
     auto emit = [&](const std::vector<std::string>& body) {
         // As a client of the bus (--address alone would skip the greeting,
         // and the bus would route nothing).
-        std::vector<std::string> arguments = {gdbus,
-                                              "emit",
-                                              "--session",
-                                              "--object-path",
-                                              Center::kObjectPath,
-                                              "--signal",
-                                              std::string(Center::kInterface) + "." + Center::kMember};
+        std::vector<std::string> arguments = {"gdbus", "emit", "--session", "--object-path", Center::kObjectPath,
+                                              "--signal", std::string(Center::kInterface) + "." + Center::kMember};
         arguments.insert(arguments.end(), body.begin(), body.end());
-        test::ChildProcess child(arguments, {"DBUS_SESSION_BUS_ADDRESS=" + bus_.address()}, false);
-        ASSERT_TRUE(child.started());
-        EXPECT_EQ(child.finish(std::chrono::steady_clock::now() + std::chrono::seconds(10)), 0);
+        EXPECT_TRUE(test::Process::outputOf(arguments, {"DBUS_SESSION_BUS_ADDRESS=" + bus_.address()}));
     };
     emit({"'s'"});  // wrong signature
     emit({"'n'", "'from gdbus'",

@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <map>
 #include <memory>
 #include <string>
 
@@ -47,23 +48,10 @@ public:
     }
 };
 
-bool set(const std::string& name, int32_t level) {
-    if (name == "shared")
-        Logging::setSharedLoggingLevel(level);
-    else if (name == "application")
-        Logging::setApplicationLoggingLevel(level);
-    else if (name == "foundation")
-        Logging::setFoundationLoggingLevel(level);
-    else if (name == "legacy")
-        Logging::setLegacyLoggingLevel(level);
-    else if (name == "quicktime")
-        Logging::setQuicktimeLoggingLevel(level);
-    else if (name == "uploader")
-        Logging::setUploaderLoggingLevel(level);
-    else
-        return false;
-    return true;
-}
+const std::map<std::string, void (*)(int32_t)> kSetters = {
+    {"shared", &Logging::setSharedLoggingLevel},         {"application", &Logging::setApplicationLoggingLevel},
+    {"foundation", &Logging::setFoundationLoggingLevel}, {"legacy", &Logging::setLegacyLoggingLevel},
+    {"quicktime", &Logging::setQuicktimeLoggingLevel},   {"uploader", &Logging::setUploaderLoggingLevel}};
 
 void handle(const std::string& line, RunLoop& loop) {
     if (line == "quit") {
@@ -72,12 +60,12 @@ void handle(const std::string& line, RunLoop& loop) {
         say(qrl::format("pending %zu", loop.timerCount()));
     } else if (line.rfind("set ", 0) == 0) {
         const std::size_t space = line.find(' ', 4);
-        const std::string name = line.substr(4, space == std::string::npos ? std::string::npos : space - 4);
+        const std::string name = line.substr(4, space - 4);  // to the end when there is no level
         const int32_t level = space == std::string::npos ? -1 : std::atoi(line.c_str() + space + 1);
-        if (set(name, level))
-            say(qrl::format("set %@ %d", name, level));
-        else
-            say("error unknown level " + name);
+        const auto setter = kSetters.find(name);
+        if (setter == kSetters.end()) return say("error unknown level " + name);
+        setter->second(level);
+        say(qrl::format("set %@ %d", name, level));
     } else {
         say("error unknown command " + line);
     }

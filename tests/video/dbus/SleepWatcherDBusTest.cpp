@@ -1,84 +1,17 @@
 #include "qrl/video/dbus/SleepWatcherDBus.h"
 
 #include <dlfcn.h>
-#include <fcntl.h>
-#include <poll.h>
-#include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <gtest/gtest.h>
 
 #include <chrono>
 #include <condition_variable>
-#include <filesystem>
 #include <mutex>
 #include <vector>
 
-#include "video/BackendTestSupport.h"
-
-extern char** environ;
+#include "support/PrivateServer.h"
 
 namespace qrl {
 namespace {
-
-// A private message bus in a temporary folder, stopped at the end.
-class PrivateBus {
-public:
-    PrivateBus() {
-        const std::string program = test::findProgram("dbus-daemon");
-        if (program.empty()) {
-            why_ = "dbus-daemon is not installed";
-            return;
-        }
-        std::string pattern = (std::filesystem::temp_directory_path() / "qrl-bus-XXXXXX").string();
-        if (!::mkdtemp(pattern.data())) return;
-        dir_ = pattern;
-        int fds[2];
-        if (::pipe2(fds, O_CLOEXEC) != 0) return;
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_adddup2(&actions, fds[1], 3);
-        const std::string address = "--address=unix:path=" + dir_ + "/bus";
-        std::vector<std::string> args = {program, "--session", "--nofork", "--nopidfile", "--print-address=3", address};
-        std::vector<char*> argv;
-        for (auto& a : args) argv.push_back(a.data());
-        argv.push_back(nullptr);
-        const int rc = ::posix_spawn(&pid_, program.c_str(), &actions, nullptr, argv.data(), environ);
-        posix_spawn_file_actions_destroy(&actions);
-        ::close(fds[1]);
-        if (rc != 0) {
-            pid_ = -1;
-            ::close(fds[0]);
-            why_ = "cannot start dbus-daemon";
-            return;
-        }
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-        while (std::chrono::steady_clock::now() < deadline) {
-            pollfd p{fds[0], POLLIN, 0};
-            if (::poll(&p, 1, 200) <= 0) continue;
-            char c;
-            if (::read(fds[0], &c, 1) <= 0 || c == '\n') break;
-            address_ += c;
-        }
-        ::close(fds[0]);
-        if (address_.empty()) why_ = "dbus-daemon gave no address";
-    }
-    ~PrivateBus() {
-        if (pid_ > 0) {
-            ::kill(pid_, SIGTERM);
-            ::waitpid(pid_, nullptr, 0);
-        }
-        if (!dir_.empty()) std::filesystem::remove_all(dir_);
-    }
-    const std::string& address() const { return address_; }
-    const std::string& why() const { return why_; }
-
-private:
-    pid_t pid_ = -1;
-    std::string dir_, address_, why_;
-};
 
 // A bus client of the test's own, through libsystemd loaded with dlopen.
 class Emitter {
@@ -120,11 +53,8 @@ private:
 };
 
 TEST(SleepWatcherDBus, FollowsPrepareForSleepFromLogindOnly) {
-    PrivateBus bus;
-    if (bus.address().empty()) {
-        if (test::underCI()) FAIL() << "dbus-daemon needed under CI: " << bus.why();
-        GTEST_SKIP() << "no private bus: " << bus.why();
-    }
+    auto bus = test::PrivateServer::dbusDaemon(test::PrivateServer::Bus::System);
+    QRL_REQUIRE_SERVER(bus);
     std::mutex m;
     std::condition_variable cv;
     std::vector<bool> seen;

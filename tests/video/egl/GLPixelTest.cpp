@@ -7,6 +7,7 @@
 #include <array>
 #include <cmath>
 #include <condition_variable>
+#include <functional>
 #include <mutex>
 #include <random>
 #include <thread>
@@ -26,7 +27,8 @@
 #include "qrl/video/gl/NSOpenGLPBufferTexture.h"
 #include "qrl/video/gl/OpenGLTexture.h"
 #include "qrl/video/sim/DisplayServerSim.h"
-#include "video/BackendTestSupport.h"
+#include "support/PrivateServer.h"
+#include "video/VideoTestSupport.h"
 
 // Under the thread sanitizer: Mesa's software rasterizer threads hand work
 // over through Mesa's own futex-based fences, which the sanitizer cannot
@@ -42,15 +44,9 @@ protected:
     void SetUp() override {
         std::string why;
         auto devices = GraphicsDevicesEGL::open(&why);
-        if (!devices) {
-            if (test::underCI()) FAIL() << "EGL needed under CI: " << why;
-            GTEST_SKIP() << "no EGL device: " << why;
-        }
+        QRL_SKIP_UNLESS(devices, "no EGL device: " + why);
         auto displays = std::make_shared<DisplayServerSim>(center_);
-        SimDisplay d;
-        d.id = 1;
-        d.frame = NSMakeRect(0, 0, 640, 480);
-        displays->setDisplays({d});
+        displays->setDisplays({test::simDisplay(1, NSMakeRect(0, 0, 640, 480))});
         platform_ = std::make_unique<ScopedVideoPlatform>(displays, devices);
         provider_ = DisplaysProvider::create(center_);
         const Value renderer = provider_->renderIDForActiveDisplay(provider_->metadataForAllConnectedDisplays().at(0));
@@ -81,6 +77,15 @@ protected:
         manager_->releaseFrameBuffer(fb.get());
         return out;
     }
+    // How many of the texture's pixels differ from expected(x, y).
+    int mismatches(const std::shared_ptr<TextureWithID>& texture, int w, int h,
+                   const std::function<uint32_t(int, int)>& expected) {
+        const auto out = read(texture, w, h);
+        int wrong = 0;
+        for (int y = 0; y < h; ++y)
+            for (int x = 0; x < w; ++x) wrong += out[y * w + x] != expected(x, y);
+        return wrong;
+    }
 
     NotificationCenter center_;
     std::unique_ptr<ScopedVideoPlatform> platform_;
@@ -106,14 +111,10 @@ TEST_F(GLPixelTest, SubRectangleDrawnOneToOneThroughARectangleTexture) {
     fb->drawTextureCoordsToOriginOfFBO(NSMakeRect(kX, kY, kOutW, kOutH));
     fb->finish2dDrawingTo(source);
     EXPECT_EQ(context().getError(), GL_NO_ERROR);
+    EXPECT_EQ(context().lockDepth(), 0);
     EXPECT_EQ(dynamic_cast<GLContextEGL&>(context()).bindFailures(), 0u);
 
-    const auto out = read(target, kOutW, kOutH);
-    int wrong = 0;
-    for (int y = 0; y < kOutH; ++y)
-        for (int x = 0; x < kOutW; ++x)
-            wrong += out[y * kOutW + x] != pixels[(y + kY) * kW + x + kX];
-    EXPECT_EQ(wrong, 0);
+    EXPECT_EQ(mismatches(target, kOutW, kOutH, [&](int x, int y) { return pixels[(y + kY) * kW + x + kX]; }), 0);
 }
 
 TEST_F(GLPixelTest, ReadBackByteOrderOfTheFrameworksPixelType) {
@@ -169,13 +170,10 @@ void main() {
         shader->finish();
         manager_->unlockCGLContext(c);
         fb->finish2dDrawingTo(nullptr);
-        const auto out = read(target, 256, 256);
-        int wrong = 0;
-        for (int y = 0; y < 256; ++y)
-            for (int x = 0; x < 256; ++x)
-                wrong += out[y * 256 + x] != (0xFF000000u | static_cast<uint32_t>(x) << 16 | static_cast<uint32_t>(y) << 8 |
-                                              static_cast<uint32_t>(blue));
-        EXPECT_EQ(wrong, 0) << "blue " << blue;
+        EXPECT_EQ(mismatches(target, 256, 256,
+                             [&](int x, int y) { return 0xFF000000u | uint32_t(x) << 16 | uint32_t(y) << 8 | uint32_t(blue); }),
+                  0)
+            << "blue " << blue;
     }
     EXPECT_EQ(context().getError(), GL_NO_ERROR);
 }
@@ -276,31 +274,17 @@ TEST_F(GLPixelTest, PixelBufferRingGivesTheSameFramesLater) {
 }
 
 TEST_F(GLPixelTest, ShaderErrorsCarryTheDriversText) {
-    try {
-        manager_->createNewFragmentShaderFromSource("void main() { gl_FragColor = vec4(1.0) }");
-        FAIL();
-    } catch (const Exception& e) {
-        EXPECT_EQ(e.name(), "Compile Error");
-        EXPECT_EQ(e.reason(), "Shared compile error: 0:1(40): error: syntax error, unexpected '}', expecting ',' or ';'\n");
-    }
-    try {
-        manager_->createNewFragmentShaderFromSource("float halve(float x) { return x / 2.0; }");
-        FAIL();
-    } catch (const Exception& e) {
-        EXPECT_EQ(e.name(), "Link Error");
-        EXPECT_EQ(e.reason(), "Shared link error: error: fragment shader lacks `main'\n");
-    }
+    test::expectRaise([&] { manager_->createNewFragmentShaderFromSource("void main() { gl_FragColor = vec4(1.0) }"); },
+                      "Compile Error",
+                      "Shared compile error: 0:1(40): error: syntax error, unexpected '}', expecting ',' or ';'\n");
+    test::expectRaise([&] { manager_->createNewFragmentShaderFromSource("float halve(float x) { return x / 2.0; }"); },
+                      "Link Error", "Shared link error: error: fragment shader lacks `main'\n");
     auto shader = manager_->createNewFragmentShaderFromSource(
         "uniform float used; uniform float unused; void main() { gl_FragColor = vec4(used); }");
     shader->use();
     EXPECT_NO_THROW(shader->setUniform("used", 0.5));
-    try {
-        shader->setUniform("unused", 0.5);
-        FAIL();
-    } catch (const Exception& e) {
-        EXPECT_EQ(e.name(), "No Uniform");
-        EXPECT_EQ(e.reason(), "Can't set uniform for unused, to float value. Uniform not found.");
-    }
+    test::expectRaise([&] { shader->setUniform("unused", 0.5); }, "No Uniform",
+                      "Can't set uniform for unused, to float value. Uniform not found.");
     manager_->unlockCGLContext(&context());  // that raise keeps the lock
     shader->finish();
     EXPECT_NO_THROW(shader->validate());
@@ -308,13 +292,9 @@ TEST_F(GLPixelTest, ShaderErrorsCarryTheDriversText) {
 
 TEST_F(GLPixelTest, IncompleteFrameBufferRaisesWithItsStatus) {
     auto fb = manager_->allocateFrameBuffer();
-    try {
-        fb->useAndSet2dDrawingSizeTo(NSMakeSize(16, 16), std::shared_ptr<TextureWithID>());
-        FAIL();
-    } catch (const Exception& e) {
-        EXPECT_EQ(e.name(), "FrameBufferObject");
-        EXPECT_EQ(e.reason(), "Unable to make FBO complete, status 36055");  // GL_FRAMEBUFFER_INCOMPLETE_MISSING_ATTACHMENT
-    }
+    // GL_FRAMEBUFFER_INCOMPLETE_MISSING_ATTACHMENT
+    test::expectRaise([&] { fb->useAndSet2dDrawingSizeTo(NSMakeSize(16, 16), std::shared_ptr<TextureWithID>()); },
+                      "FrameBufferObject", "Unable to make FBO complete, status 36055");
     EXPECT_EQ(context().lockDepth(), 0);
 }
 
@@ -353,10 +333,9 @@ TEST_F(GLPixelTest, YCbCrTexturesWithoutGLErrors) {
         const int pr = (px >> 16) & 0xFF, pg = (px >> 8) & 0xFF, pb = px & 0xFF;
         return std::abs(pr - r) <= 2 && std::abs(pg - g) <= 2 && std::abs(pb - b) <= 2;
     };
-    EXPECT_TRUE(near(out[0], 128, 128, 128)) << std::hex << out[0];
-    EXPECT_TRUE(near(out[1], 128, 128, 128)) << std::hex << out[1];
-    EXPECT_TRUE(near(out[2], 191, 0, 0)) << std::hex << out[2];
-    EXPECT_TRUE(near(out[3], 191, 0, 0)) << std::hex << out[3];
+    const int expected[4][3] = {{128, 128, 128}, {128, 128, 128}, {191, 0, 0}, {191, 0, 0}};
+    for (int i = 0; i < 4; ++i)
+        EXPECT_TRUE(near(out[i], expected[i][0], expected[i][1], expected[i][2])) << i << ": " << std::hex << out[i];
 }
 
 TEST_F(GLPixelTest, PixelBufferTextureIsDrawnByItsOwnContext) {
@@ -370,8 +349,7 @@ TEST_F(GLPixelTest, PixelBufferTextureIsDrawnByItsOwnContext) {
     auto target = textures().allocateNewTexture();
     target->bindToTextureRectangleExt();
     p->copyCurrentPBufferContentToContext(&context(), GL_BACK);
-    const auto out = read(target, 8, 4);
-    for (const uint32_t px : out) EXPECT_EQ(px, 0xFF00FF00u);
+    EXPECT_EQ(mismatches(target, 8, 4, [](int, int) { return 0xFF00FF00u; }), 0);
     EXPECT_EQ(context().getError(), GL_NO_ERROR);
 }
 
@@ -412,14 +390,11 @@ TEST_F(GLPixelTest, TwoThreadsTakeTurnsOnOneContext) {
 TEST(GLLinkage, LibraryLinksEGLOnly) {
     Dl_info info{};
     ASSERT_NE(::dladdr(reinterpret_cast<void*>(&glExtensionListHas), &info), 0);
-    const std::string readelf = test::findProgram("readelf");
-    if (readelf.empty()) GTEST_SKIP() << "readelf is not installed";
-    const auto out = test::commandOutput(readelf + " -d '" + info.dli_fname + "'");
+    QRL_SKIP_UNLESS(!test::findProgram("readelf").empty(), "readelf is not installed");
+    const auto out = test::Process::outputOf({"readelf", "-d", info.dli_fname});
     ASSERT_TRUE(out);
     EXPECT_NE(out->find("[libEGL.so"), std::string::npos) << *out;
-    EXPECT_EQ(out->find("[libGL.so"), std::string::npos) << *out;
-    EXPECT_EQ(out->find("[libOpenGL.so"), std::string::npos) << *out;
-    EXPECT_EQ(out->find("[libGLX"), std::string::npos) << *out;
+    for (const char* other : {"[libGL.so", "[libOpenGL.so", "[libGLX"}) EXPECT_EQ(out->find(other), std::string::npos) << *out;
 }
 
 }  // namespace

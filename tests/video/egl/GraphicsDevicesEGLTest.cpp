@@ -4,7 +4,7 @@
 
 #include <array>
 #include <set>
-#include <thread>
+#include <vector>
 
 #include "video/BackendTestSupport.h"
 
@@ -15,10 +15,7 @@ class GraphicsDevicesEGLTest : public ::testing::Test {
 protected:
     void SetUp() override {
         devices_ = GraphicsDevicesEGL::open(&why_);
-        if (!devices_) {
-            if (test::underCI()) FAIL() << "EGL devices needed under CI: " << why_;
-            GTEST_SKIP() << "no EGL device: " << why_;
-        }
+        QRL_SKIP_UNLESS(devices_, "no EGL device: " + why_);
     }
     std::shared_ptr<GraphicsDevicesEGL> devices_;
     std::string why_;
@@ -68,16 +65,10 @@ TEST_F(GraphicsDevicesEGLTest, TestContextNamesTheRenderer) {
     ASSERT_TRUE(context);
     EXPECT_EQ(context->getString(GL_RENDERER), *expected);
     EXPECT_EQ(context->getError(), GL_NO_ERROR);
-    // A second context in the same share group, used from another thread.
+    // A second context in the same share group. (Use from other threads is
+    // checked with the pixels.)
     auto shared = devices_->createContext(*format, context.get());
     ASSERT_TRUE(shared);
-    std::optional<std::string> fromThread;
-    std::thread([&] {
-        shared->lock();
-        fromThread = shared->getString(GL_RENDERER);
-        shared->unlock();
-    }).join();
-    EXPECT_EQ(fromThread, expected);
     // Current on this thread until cleared or destroyed.
     ASSERT_TRUE(context->makeCurrent());
     EXPECT_EQ(GLContext::current(), context.get());
@@ -87,14 +78,14 @@ TEST_F(GraphicsDevicesEGLTest, TestContextNamesTheRenderer) {
     EXPECT_EQ(GLContext::current(), nullptr);
 
     // Bad attribute lists and masks.
-    std::unique_ptr<GLPixelFormat> none;
-    const std::array<int32_t, 3> unknown{99, 1, 0};
-    EXPECT_EQ(devices_->choosePixelFormat(unknown, none), kCGLBadAttribute);
-    const std::array<int32_t, 1> cut{kCGLPFADisplayMask};
-    EXPECT_EQ(devices_->choosePixelFormat(cut, none), kCGLBadAttribute);
-    const std::array<int32_t, 3> noMask{kCGLPFADisplayMask, 0, 0};
-    EXPECT_EQ(devices_->choosePixelFormat(noMask, none), kCGLBadDisplay);
-    EXPECT_FALSE(none);
+    // An unknown attribute, a value cut off, no display in the mask.
+    const std::pair<std::vector<int32_t>, CGLError> kBad[] = {
+        {{99, 1, 0}, kCGLBadAttribute}, {{kCGLPFADisplayMask}, kCGLBadAttribute}, {{kCGLPFADisplayMask, 0, 0}, kCGLBadDisplay}};
+    for (const auto& [bad, error] : kBad) {
+        std::unique_ptr<GLPixelFormat> none;
+        EXPECT_EQ(devices_->choosePixelFormat(bad, none), error);
+        EXPECT_FALSE(none);
+    }
 }
 
 }  // namespace

@@ -5,22 +5,14 @@
 #include "qrl/video/x11/ScreenCaptureX11.h"
 
 #include <gtest/gtest.h>
-#include <poll.h>
-#include <spawn.h>
-#include <sys/syscall.h>
-#include <sys/wait.h>
+#include <unistd.h>
 
-#include <chrono>
-#include <cmath>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
-#include <thread>
 
 #include "qrl/foundation/Format.h"
+#include "support/TemporaryFolder.h"
 #include "video/x11/X11TestSupport.h"
-
-extern char** environ;
 
 namespace qrl {
 namespace {
@@ -39,38 +31,23 @@ constexpr Quadrant kQuadrants[] = {{0, 0, 0xBF0000, 65, 100, 212},
 class ScreenCaptureX11Test : public ::testing::Test {
 protected:
     void SetUp() override {
-        QRL_REQUIRE_XVFB(xvfb_);
+        QRL_REQUIRE_SERVER(xvfb_);
         ASSERT_TRUE(x_.loaded()) << "libX11/libXrandr could not be loaded";
-        client_ = std::make_unique<test::XClient>(x_, xvfb_.name());
+        client_ = std::make_unique<test::XClient>(x_, xvfb_.address());
         ASSERT_TRUE(client_->open());
         // A monitor of its own (with no output, so that it can be redefined), primary.
         client_->setMonitor("REC", 0, 0, 320, 240, true);
-        display_ = x_.XOpenDisplay(xvfb_.name().c_str());
-        ASSERT_NE(display_, nullptr);
-        for (const Quadrant& q : kQuadrants) {
-            XSetWindowAttributes a{};
-            a.override_redirect = True;
-            a.background_pixel = q.rgb;
-            const Window w = x_.XCreateWindow(display_, x_.XDefaultRootWindow(display_), q.x, q.y, 160, 120, 0,
-                                              CopyFromParent, InputOutput, nullptr, CWOverrideRedirect | CWBackPixel, &a);
-            x_.XMapWindow(display_, w);
-        }
-        x_.XSync(display_, False);
-    }
-    void TearDown() override {
-        if (display_) x_.XCloseDisplay(display_);
-        client_.reset();
+        for (const Quadrant& q : kQuadrants) client_->window(q.x, q.y, 160, 120, true, static_cast<long>(q.rgb));
     }
 
-    test::Xvfb xvfb_{"320x240x24"};
+    test::PrivateServer xvfb_ = test::PrivateServer::xvfb("320x240x24");
     test::XLib x_;
     std::unique_ptr<test::XClient> client_;
-    Display* display_ = nullptr;
 };
 
 TEST_F(ScreenCaptureX11Test, CapturesTheMonitorsPixelsAndNoticesChanges) {
     std::string why;
-    auto capture = ScreenCaptureX11::open(xvfb_.name().c_str(), static_cast<CGDirectDisplayID>(client_->atom("REC")), &why);
+    auto capture = ScreenCaptureX11::open(xvfb_.address().c_str(), static_cast<CGDirectDisplayID>(client_->atom("REC")), &why);
     ASSERT_TRUE(capture) << why;
     EXPECT_EQ(capture->width(), 320);
     EXPECT_EQ(capture->height(), 240);
@@ -88,7 +65,7 @@ TEST_F(ScreenCaptureX11Test, CapturesTheMonitorsPixelsAndNoticesChanges) {
     }
     EXPECT_EQ(wrong, 0);
 
-    auto missing = ScreenCaptureX11::open(xvfb_.name().c_str(), 12345, &why);
+    auto missing = ScreenCaptureX11::open(xvfb_.address().c_str(), 12345, &why);
     EXPECT_FALSE(missing);
     EXPECT_EQ(why, "the X server has no monitor 12345");
 
@@ -109,59 +86,6 @@ std::string recorderPath() {
     const auto self = std::filesystem::read_symlink("/proc/self/exe", ec);
     return (self.parent_path() / ".." / "tools" / "qrl-record" / "qrl-record").lexically_normal().string();
 }
-
-class Recorder {
-public:
-    Recorder(const std::string& program, const std::string& display, const std::vector<std::string>& args,
-             const std::string& dir)
-        : errPath_(dir + "/stderr.txt") {
-        std::vector<std::string> env;
-        for (char** e = environ; *e; ++e)
-            if (std::string(*e).rfind("DISPLAY=", 0) != 0 && std::string(*e).rfind("QRL_", 0) != 0) env.emplace_back(*e);
-        env.push_back("DISPLAY=" + display);
-        std::vector<std::string> argv{program};
-        argv.insert(argv.end(), args.begin(), args.end());
-        std::vector<char*> a, e;
-        for (auto& s : argv) a.push_back(s.data());
-        a.push_back(nullptr);
-        for (auto& s : env) e.push_back(s.data());
-        e.push_back(nullptr);
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_addopen(&actions, 1, (dir + "/stdout.txt").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        posix_spawn_file_actions_addopen(&actions, 2, errPath_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        if (::posix_spawn(&pid_, program.c_str(), &actions, nullptr, a.data(), e.data()) != 0) pid_ = -1;
-        posix_spawn_file_actions_destroy(&actions);
-    }
-    ~Recorder() {
-        if (pid_ > 0) {
-            ::kill(pid_, SIGKILL);
-            ::waitpid(pid_, nullptr, 0);
-        }
-    }
-    bool started() const { return pid_ > 0; }
-    // The exit status, or -1 when it has not ended within the deadline.
-    int wait(double seconds) {
-        const int pidfd = static_cast<int>(::syscall(SYS_pidfd_open, pid_, 0));
-        if (pidfd < 0) return -1;
-        pollfd p{pidfd, POLLIN, 0};
-        const int ready = ::poll(&p, 1, static_cast<int>(seconds * 1000));
-        ::close(pidfd);
-        if (ready <= 0) return -1;
-        int status = 0;
-        ::waitpid(pid_, &status, 0);
-        pid_ = -1;
-        return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    }
-    std::string errors() const {
-        std::ifstream in(errPath_);
-        return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-    }
-
-private:
-    pid_t pid_ = -1;
-    std::string errPath_;
-};
 
 struct Movie {
     int width = 0, height = 0;
@@ -193,27 +117,27 @@ protected:
         ScreenCaptureX11Test::SetUp();
         if (IsSkipped() || HasFatalFailure()) return;
         program_ = recorderPath();
-        if (::access(program_.c_str(), X_OK) != 0) {
-            if (test::underCI()) FAIL() << "qrl-record is not built at " << program_;
-            GTEST_SKIP() << "qrl-record is not built (" << program_ << ")";
-        }
-        dir_ = (std::filesystem::temp_directory_path() / ("qrl-record-x11-" + std::to_string(::getpid()))).string();
-        std::filesystem::create_directories(dir_);
+        QRL_SKIP_UNLESS(::access(program_.c_str(), X_OK) == 0, "qrl-record is not built at " + program_);
     }
-    void TearDown() override {
-        std::error_code ec;
-        if (!dir_.empty()) std::filesystem::remove_all(dir_, ec);
-        ScreenCaptureX11Test::TearDown();
+    // qrl-record on the private display, its standard error read as output.
+    std::unique_ptr<test::Process> record(const char* seconds) {
+        return std::make_unique<test::Process>(
+            std::vector<std::string>{program_, "--platform", "x11", "--seconds", seconds, "--fps", "10", "--out",
+                                     out_.file("out")},
+            test::Process::Options{.environment = {"QRL_*", "DISPLAY=" + xvfb_.address()},
+                                   .pipeOutput = true,
+                                   .errorsToOutput = true});
     }
+    static std::string said(const test::Process& p) { return testing::PrintToString(p.lines()); }
     std::string program_;
-    std::string dir_;
+    test::TemporaryFolder out_{"qrl-record-x11"};
 };
 
 TEST_F(RecordX11Test, MovieShowsWhatWasOnTheScreen) {
-    Recorder r(program_, xvfb_.name(), {"--platform", "x11", "--seconds", "2", "--fps", "10", "--out", dir_ + "/out"}, dir_);
-    ASSERT_TRUE(r.started());
-    ASSERT_EQ(r.wait(60), 0) << r.errors();
-    const Movie m = readMovie(dir_ + "/out/movie.y4m");
+    auto r = record("2");
+    ASSERT_TRUE(r->started()) << r->why();
+    ASSERT_EQ(r->wait(test::after(60)), 0) << said(*r);
+    const Movie m = readMovie(out_.file("out/movie.y4m"));
     ASSERT_TRUE(m.whole);
     EXPECT_EQ(m.width, 320);
     EXPECT_EQ(m.height, 240);
@@ -231,26 +155,23 @@ TEST_F(RecordX11Test, MovieShowsWhatWasOnTheScreen) {
 }
 
 TEST_F(RecordX11Test, ADisplayThatChangesSizeEndsTheRecordingWithACompleteMovie) {
-    Recorder r(program_, xvfb_.name(), {"--platform", "x11", "--seconds", "60", "--fps", "10", "--out", dir_ + "/out"},
-               dir_);
-    ASSERT_TRUE(r.started());
+    auto r = record("60");
+    ASSERT_TRUE(r->started()) << r->why();
     // Change the display once the recording is under way.
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-    while (r.errors().find("arrived ") == std::string::npos && std::chrono::steady_clock::now() < deadline)
-        std::this_thread::yield();
-    ASSERT_NE(r.errors().find("arrived "), std::string::npos) << r.errors();
+    const auto arrived = [](const std::string& l) { return l.find("arrived ") != std::string::npos; };
+    ASSERT_TRUE(r->waitForLine(arrived, test::after(30))) << said(*r);
     client_->deleteMonitor("REC");
     client_->setMonitor("REC", 0, 0, 240, 240, true);
-    ASSERT_EQ(r.wait(30), 0) << r.errors();
+    ASSERT_EQ(r->wait(test::after(30)), 0) << said(*r);
     // Seen between the two steps or after both: gone, or changed.
-    const std::string errors = r.errors();
+    const std::string errors = said(*r);
     EXPECT_TRUE(errors.find(" is gone; the recording ends here") != std::string::npos ||
                 errors.find("changed from 320 x 240 to 240 x 240; the recording ends here") != std::string::npos)
         << errors;
-    const Movie m = readMovie(dir_ + "/out/movie.y4m");
+    const Movie m = readMovie(out_.file("out/movie.y4m"));
     EXPECT_TRUE(m.whole);
     EXPECT_GE(m.frames.size(), 1u);
-    EXPECT_FALSE(std::filesystem::exists(dir_ + "/out/movie.y4m.partial"));
+    EXPECT_FALSE(std::filesystem::exists(out_.file("out/movie.y4m.partial")));
 }
 
 }  // namespace

@@ -18,6 +18,7 @@
 #include <memory>
 #include <vector>
 
+#include "qrl/foundation/AtomicFile.h"
 #include "qrl/foundation/Decimal.h"
 #include "qrl/foundation/Error.h"
 #include "qrl/foundation/Format.h"
@@ -93,10 +94,22 @@ std::optional<double> parseReal(std::string_view text) {
     return number;
 }
 
-std::shared_ptr<Dictionary> decodePlainDictionary(const Dictionary& source) {
+// A container with `transform` applied to each of its values.
+Value mapArray(const Array& source, Value (*transform)(const Value&)) {
+    auto out = std::make_shared<Array>();
+    out->reserve(source.size());
+    for (const Value& item : source) out->push_back(transform(item));
+    return Value(std::move(out));
+}
+
+std::shared_ptr<Dictionary> mapDictionary(const Dictionary& source, Value (*transform)(const Value&)) {
     auto out = std::make_shared<Dictionary>();
-    for (const auto& [key, item] : source) out->set(key, decodeDefaultsValue(item));
+    for (const auto& [key, item] : source) out->set(key, transform(item));
     return out;
+}
+
+std::shared_ptr<Dictionary> decodePlainDictionary(const Dictionary& source) {
+    return mapDictionary(source, decodeDefaultsValue);
 }
 
 std::optional<Value> decodeTag(std::string_view tag, const Value& payload) {
@@ -140,19 +153,6 @@ bool expect(std::string_view text, size_t& at, char c) {
     return true;
 }
 
-// ---- base64 --------------------------------------------------------------
-
-constexpr char kBase64Alphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-
-int base64Digit(char c) {
-    if (c >= 'A' && c <= 'Z') return c - 'A';
-    if (c >= 'a' && c <= 'z') return c - 'a' + 26;
-    if (c >= '0' && c <= '9') return c - '0' + 52;
-    if (c == '+') return 62;
-    if (c == '/') return 63;
-    return -1;
-}
-
 // ---- files ---------------------------------------------------------------
 
 std::string folderOf(const std::string& path) {
@@ -185,22 +185,6 @@ bool makeFolders(const std::string& folder, std::string* problem) {
     return true;
 }
 
-bool writeAll(int fd, std::string_view text, int& error) {
-    const char* p = text.data();
-    size_t left = text.size();
-    while (left > 0) {
-        const ssize_t n = ::write(fd, p, left);
-        if (n < 0) {
-            if (errno == EINTR) continue;
-            error = errno;
-            return false;
-        }
-        p += n;
-        left -= static_cast<size_t>(n);
-    }
-    return true;
-}
-
 }  // namespace
 
 std::optional<std::string> defaultsValueProblem(const Value& value) { return valueProblem(value, 0); }
@@ -211,16 +195,10 @@ Value encodeDefaultsValue(const Value& value) {
     case Value::Type::Data: return tagged(kDefaultsDataTag, Value(base64Encode(*value.asData())));
     case Value::Type::Real: return encodeReal(*value.asReal());
     case Value::Type::Decimal: return tagged(kDefaultsDecimalTag, Value(value.asDecimal()->toString()));
-    case Value::Type::Array: {
-        auto out = std::make_shared<Array>();
-        out->reserve(value.asArray()->size());
-        for (const Value& item : *value.asArray()) out->push_back(encodeDefaultsValue(item));
-        return Value(std::move(out));
-    }
+    case Value::Type::Array: return mapArray(*value.asArray(), encodeDefaultsValue);
     case Value::Type::Dictionary: {
         const Dictionary& source = *value.asDictionary();
-        auto out = std::make_shared<Dictionary>();
-        for (const auto& [key, item] : source) out->set(key, encodeDefaultsValue(item));
+        auto out = mapDictionary(source, encodeDefaultsValue);
         if (source.size() == 1 && source.entries().front().first.starts_with('$'))
             return tagged(kDefaultsDictionaryTag, Value(std::move(out)));
         return Value(std::move(out));
@@ -232,12 +210,7 @@ Value encodeDefaultsValue(const Value& value) {
 Value decodeDefaultsValue(const Value& value) {
     switch (value.type()) {
     case Value::Type::Decimal: return Value(value.asDecimal()->toDouble());
-    case Value::Type::Array: {
-        auto out = std::make_shared<Array>();
-        out->reserve(value.asArray()->size());
-        for (const Value& item : *value.asArray()) out->push_back(decodeDefaultsValue(item));
-        return Value(std::move(out));
-    }
+    case Value::Type::Array: return mapArray(*value.asArray(), decodeDefaultsValue);
     case Value::Type::Dictionary: {
         const Dictionary& source = *value.asDictionary();
         if (source.size() == 1) {
@@ -252,8 +225,7 @@ Value decodeDefaultsValue(const Value& value) {
 }
 
 std::optional<std::string> defaultsFileText(const Dictionary& values, std::string* problem) {
-    auto encoded = std::make_shared<Dictionary>();
-    for (const auto& [key, item] : values) encoded->set(key, encodeDefaultsValue(item));
+    auto encoded = mapDictionary(values, encodeDefaultsValue);
     QRLJsonWriter writer;
     writer.setHumanReadable(true);
     std::shared_ptr<Error> error;
@@ -333,58 +305,6 @@ std::optional<Date> parseDefaultsDate(std::string_view text) {
     const __int128 total = seconds * 1'000'000'000 + nanos;
     if (total < INT64_MIN || total > INT64_MAX) return std::nullopt;
     return Date{static_cast<int64_t>(total)};
-}
-
-std::string base64Encode(const Data& data) {
-    std::string out;
-    out.reserve((data.size() + 2) / 3 * 4);
-    size_t i = 0;
-    for (; i + 3 <= data.size(); i += 3) {
-        const uint32_t n = (uint32_t{data[i]} << 16) | (uint32_t{data[i + 1]} << 8) | data[i + 2];
-        out += kBase64Alphabet[n >> 18];
-        out += kBase64Alphabet[(n >> 12) & 63];
-        out += kBase64Alphabet[(n >> 6) & 63];
-        out += kBase64Alphabet[n & 63];
-    }
-    const size_t rest = data.size() - i;
-    if (rest > 0) {
-        uint32_t n = uint32_t{data[i]} << 16;
-        if (rest == 2) n |= uint32_t{data[i + 1]} << 8;
-        out += kBase64Alphabet[n >> 18];
-        out += kBase64Alphabet[(n >> 12) & 63];
-        out += rest == 2 ? kBase64Alphabet[(n >> 6) & 63] : '=';
-        out += '=';
-    }
-    return out;
-}
-
-std::optional<Data> base64Decode(std::string_view text) {
-    if (text.size() % 4 != 0) return std::nullopt;
-    Data out;
-    out.reserve(text.size() / 4 * 3);
-    for (size_t i = 0; i < text.size(); i += 4) {
-        const bool last = i + 4 == text.size();
-        int digits[4];
-        int padding = 0;
-        for (int k = 0; k < 4; ++k) {
-            const char c = text[i + k];
-            if (c == '=' && last && k >= 2) {
-                digits[k] = 0;
-                ++padding;
-                continue;
-            }
-            if (padding > 0) return std::nullopt;  // data after padding
-            digits[k] = base64Digit(c);
-            if (digits[k] < 0) return std::nullopt;
-        }
-        const uint32_t n = (uint32_t(digits[0]) << 18) | (uint32_t(digits[1]) << 12) | (uint32_t(digits[2]) << 6) |
-                           uint32_t(digits[3]);
-        if ((padding == 1 && (n & 0xFF) != 0) || (padding == 2 && (n & 0xFFFF) != 0)) return std::nullopt;
-        out.push_back(static_cast<uint8_t>(n >> 16));
-        if (padding < 2) out.push_back(static_cast<uint8_t>(n >> 8));
-        if (padding < 1) out.push_back(static_cast<uint8_t>(n));
-    }
-    return out;
 }
 
 std::string defaultsConfigHome() {
@@ -508,39 +428,7 @@ std::optional<std::string> setDefaultsFileAside(const std::string& path, Date no
 }
 
 bool writeDefaultsFileAtomically(const std::string& path, int folderFd, std::string_view text, std::string* problem) {
-    std::string temporary = folderOf(path) + "/." + baseNameOf(path) + ".XXXXXX";
-    const int fd = ::mkostemp(temporary.data(), O_CLOEXEC);
-    if (fd < 0) {
-        *problem = qrl::format("cannot create a temporary file beside %s: %s", path.c_str(), errnoText(errno).c_str());
-        return false;
-    }
-    auto fail = [&](const char* what, int error) {
-        *problem = qrl::format("cannot %s %s: %s", what, temporary.c_str(), errnoText(error).c_str());
-        ::unlink(temporary.c_str());
-        return false;
-    };
-    int error = 0;
-    if (!writeAll(fd, text, error)) {
-        ::close(fd);
-        return fail("write", error);
-    }
-    struct stat old {};
-    const mode_t mode = ::stat(path.c_str(), &old) == 0 ? (old.st_mode & 07777) : 0600;
-    if (::fchmod(fd, mode) != 0 || ::fsync(fd) != 0) {
-        error = errno;
-        ::close(fd);
-        return fail("flush", error);
-    }
-    if (::close(fd) != 0) return fail("close", errno);
-    if (::rename(temporary.c_str(), path.c_str()) != 0) {
-        error = errno;
-        return fail("rename", error);
-    }
-    if (::fsync(folderFd) != 0 && errno != EINVAL && errno != EROFS) {
-        *problem = qrl::format("cannot flush the folder of %s: %s", path.c_str(), errnoText(errno).c_str());
-        return false;
-    }
-    return true;
+    return writeFileAtomically(path, text, problem, {.newFileMode = 0600, .folderFd = folderFd});
 }
 
 }  // namespace qrl::detail

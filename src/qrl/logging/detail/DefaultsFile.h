@@ -8,6 +8,7 @@
 #include <string>
 #include <string_view>
 
+#include "qrl/foundation/Base64.h"
 #include "qrl/foundation/Value.h"
 
 namespace qrl::detail {
@@ -63,9 +64,7 @@ std::optional<Dictionary> parseDefaultsFileText(std::string_view text, std::stri
 // digits (with or without the point) and refuses anything out of range.
 std::string formatDefaultsDate(Date date);
 std::optional<Date> parseDefaultsDate(std::string_view text);
-std::string base64Encode(const Data& data);
-// Strict: padded to a multiple of four, no white space, unused bits zero.
-std::optional<Data> base64Decode(std::string_view text);
+// Data payloads use the foundation's base64Encode and base64Decode (strict).
 
 // $XDG_CONFIG_HOME when it is an absolute path, else $HOME/.config, else the
 // password database's home folder followed by /.config.
@@ -116,11 +115,10 @@ DefaultsFileContents readDefaultsFile(const std::string& path);
 // file). The new path, or nullopt with *problem set.
 std::optional<std::string> setDefaultsFileAside(const std::string& path, Date now, std::string* problem);
 
-// Replaces the file with `text` so that the path holds either the old file or
-// the whole new one, whatever happens: a temporary file in the same folder,
-// written, flushed to disk, given the old file's mode (0600 for a new one),
-// renamed over the path, then the folder flushed. The temporary file is
-// removed on failure. `folderFd` is the folder's descriptor (from the lock).
+// Replaces the file with `text` through the foundation's atomic writer, so
+// that the path holds either the old file or the whole new one: the old
+// file's mode is kept, a new file gets 0600. `folderFd` is the folder's
+// descriptor (from the lock), flushed after the rename.
 bool writeDefaultsFileAtomically(const std::string& path, int folderFd, std::string_view text, std::string* problem);
 
 }  // namespace qrl::detail

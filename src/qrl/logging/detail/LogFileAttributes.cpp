@@ -1,37 +1,26 @@
 #include "qrl/logging/detail/LogFileAttributes.h"
 
-#include <mutex>
-
-#include "qrl/logging/detail/LogFileXattrAttributes.h"
+#include "qrl/foundation/InstalledPort.h"
+#include "qrl/logging/detail/LoggingBackends.h"
 
 namespace qrl::detail {
 
 namespace {
 
-struct Installed {
-    std::mutex mutex;
-    std::shared_ptr<LogFileAttributes> port = std::make_shared<LogFileXattrAttributes>();
-};
-
-Installed& installed() {
-    static Installed* const instance = new Installed;  // used by loggers during static destruction
-    return *instance;
+InstalledPort<LogFileAttributes>& slot() {
+    // Never destroyed: loggers mark files during static destruction.
+    static auto* s = new InstalledPort<LogFileAttributes>([] {
+        return chooseBackend(kArchiveMarkPort, archiveMarkBackends(), nullptr);
+    });
+    return *s;
 }
 
 }  // namespace
 
-std::shared_ptr<LogFileAttributes> logFileAttributes() {
-    Installed& i = installed();
-    std::lock_guard lock(i.mutex);
-    return i.port;
-}
+std::shared_ptr<LogFileAttributes> logFileAttributes() { return slot().get(); }
 
 std::shared_ptr<LogFileAttributes> installLogFileAttributes(std::shared_ptr<LogFileAttributes> port) {
-    if (!port) port = std::make_shared<LogFileXattrAttributes>();
-    Installed& i = installed();
-    std::lock_guard lock(i.mutex);
-    std::swap(i.port, port);
-    return port;
+    return slot().exchange(std::move(port));
 }
 
 }  // namespace qrl::detail

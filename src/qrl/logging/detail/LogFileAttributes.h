@@ -29,9 +29,12 @@ public:
     virtual void removed(const std::string& path) = 0;
 };
 
-// The port in use: a LogFileXattrAttributes until another is installed.
+// The port in use: chosen on first use from the logging backend list
+// ($QRL_ARCHIVE_MARK_PLATFORM, else $QRL_PLATFORM, may name "xattr" or
+// "sidecar"; unnamed, "xattr"), until another is installed.
 std::shared_ptr<LogFileAttributes> logFileAttributes();
-// Installs `port` (null puts the real one back) and answers the one it replaces.
+// Installs `port` (null: the automatic choice on next use) and answers the
+// one it replaces.
 std::shared_ptr<LogFileAttributes> installLogFileAttributes(std::shared_ptr<LogFileAttributes> port);
 
 }  // namespace qrl::detail

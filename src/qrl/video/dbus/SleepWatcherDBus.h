@@ -11,17 +11,18 @@
 #include <thread>
 
 #include "qrl/foundation/detail/UniqueFd.h"
+#include "qrl/video/SleepWatcher.h"
 
 struct sd_bus;
 struct sd_bus_slot;
 
 namespace qrl {
 
-class SleepWatcherDBus {
+class SleepWatcherDBus final : public SleepWatcher {
 public:
-    // Runs on the watcher's thread; it must not throw (an exception is
-    // caught and reported on the platform log) and should only hand work on.
-    using Handler = std::function<void(bool goingToSleep)>;
+    // An exception thrown by the handler is caught and reported on the
+    // platform log.
+    using Handler = SleepWatcher::Handler;
 
     // Connects to `busAddress` (nullopt: the system bus) and subscribes to
     // PrepareForSleep from org.freedesktop.login1. Null, with the reason at
@@ -29,7 +30,8 @@ public:
     static std::unique_ptr<SleepWatcherDBus> start(const std::optional<std::string>& busAddress, Handler handler,
                                                    std::string* whyNot = nullptr);
     // Stops and joins the thread, then closes the connection.
-    ~SleepWatcherDBus();
+    ~SleepWatcherDBus() override;
+    std::string_view backendName() const override { return "dbus"; }
     SleepWatcherDBus(const SleepWatcherDBus&) = delete;
     SleepWatcherDBus& operator=(const SleepWatcherDBus&) = delete;
 

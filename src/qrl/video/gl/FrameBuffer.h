@@ -5,7 +5,7 @@
 
 #include <memory>
 
-#include "qrl/video/Geometry.h"
+#include "qrl/foundation/Geometry.h"
 #include "qrl/video/gl/GLFunctions.h"
 
 namespace qrl {

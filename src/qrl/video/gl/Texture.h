@@ -7,7 +7,7 @@
 #include <memory>
 #include <string>
 
-#include "qrl/video/Geometry.h"
+#include "qrl/foundation/Geometry.h"
 #include "qrl/video/gl/GLFunctions.h"
 
 namespace qrl {

@@ -25,6 +25,8 @@ public:
     GraphicsDevicesSim();
 
     std::string_view backendName() const override { return "sim"; }
+
+    bool drawsPixels() const override { return false; }
     // Every renderer whose displayMask shares a bit with the mask, in order.
     CGLError queryRendererInfo(uint32_t displayMask, std::vector<RendererDescription>& renderers) override;
     // The first accelerated renderer that serves the mask; a format is made

@@ -11,9 +11,7 @@
 #include "qrl/foundation/PlatformLog.h"
 #include "qrl/foundation/RunLoop.h"
 #include "qrl/logging/LogLevels.h"
-#if QRL_HAVE_SDBUS
-#include "qrl/video/dbus/SleepWatcherDBus.h"
-#endif
+#include "qrl/video/SleepWatcher.h"
 
 // Last: Xlib's macros clash with ordinary names.
 #include "qrl/video/x11/X11Buffers.h"
@@ -33,11 +31,6 @@ bool covers(int x, int y, int w, int h, const int mx, const int my, const int mw
 }
 
 }  // namespace
-
-#if !QRL_HAVE_SDBUS
-// Without sd-bus there is nothing to hold.
-class SleepWatcherDBus {};
-#endif
 
 std::shared_ptr<DisplayServerX11> DisplayServerX11::open(const char* displayName, NotificationCenter& center,
                                                          std::string* whyNot) {
@@ -61,6 +54,7 @@ bool DisplayServerX11::connect(const char* displayName, const Options&, std::str
     };
     const char* name = displayName ? displayName : std::getenv("DISPLAY");
     if (!name || !*name) return fail("DISPLAY is not set");
+    displayName_ = name;
     query_ = x11::openDisplay(name, &queryDead_);
     if (!query_) return fail(qrl::format("cannot open X display \"%@\"", name));
     int eventBase = 0, errorBase = 0, major = 0, minor = 0;
@@ -101,22 +95,17 @@ bool DisplayServerX11::connect(const char* displayName, const Options&, std::str
 void DisplayServerX11::startThreads(const Options& options) {
     std::weak_ptr<DisplayServerX11> weak = weak_from_this();
     eventThread_ = std::thread([this] { eventLoop(); });
-#if QRL_HAVE_SDBUS
     if (options.watchSleep) {
         std::string why;
-        sleepWatcher_ = SleepWatcherDBus::start(
-            options.sleepBusAddress,
+        sleepWatcher_ = SleepWatcher::start(
             [weak](bool goingToSleep) {
                 if (auto self = weak.lock()) {
                     self->handOver(goingToSleep ? kNSWorkspaceWillSleepNotification : kNSWorkspaceDidWakeNotification);
                 }
             },
-            &why);
+            options.sleepBusAddress, &why);
         if (!sleepWatcher_) QRLLogInfo("No sleep and wake notifications: %@", why);
     }
-#else
-    if (options.watchSleep) QRLLogInfo("No sleep and wake notifications: built without sd-bus");
-#endif
 }
 
 DisplayServerX11::~DisplayServerX11() {

@@ -35,7 +35,7 @@
 
 namespace qrl {
 
-class SleepWatcherDBus;
+class SleepWatcher;
 
 class DisplayServerX11 final : public DisplayServer, public std::enable_shared_from_this<DisplayServerX11> {
 public:
@@ -57,6 +57,8 @@ public:
     ~DisplayServerX11() override;
 
     std::string_view backendName() const override { return "x11"; }
+    // The X display this server is connected to (":99", or $DISPLAY's value).
+    const std::string& displayName() const { return displayName_; }
     CGError getActiveDisplayList(uint32_t maxDisplays, std::vector<CGDirectDisplayID>& displays) override;
     CGError getOnlineDisplayCount(uint32_t& count) override;
     // Bit n for X screen n (the screen that holds the monitors); 0 for an
@@ -107,6 +109,7 @@ private:
     mutable std::mutex mutex_;  // the query connection and the snapshot
     x11::XDisplayHandle query_;
     unsigned long root_ = 0;  // the root window
+    std::string displayName_;
     int screenNumber_ = 0;
     bool hasScreenSaver_ = false;
     std::vector<Monitor> active_;  // the last active list
@@ -122,7 +125,7 @@ private:
     std::atomic<bool> changePending_{false};
     std::atomic<uint64_t> changeBatches_{0};
 
-    std::unique_ptr<SleepWatcherDBus> sleepWatcher_;
+    std::unique_ptr<SleepWatcher> sleepWatcher_;
 };
 
 }  // namespace qrl

@@ -1,4 +1,4 @@
-#include "qrl/system/Identification.h"
+#include "qrl/foundation/Identification.h"
 
 #include <cstdlib>
 #include <string_view>

@@ -1,11 +1,8 @@
-#include "qrl/video/RectFunctions.h"
+#include "qrl/foundation/RectFunctions.h"
 
 #include <cmath>
 
 #include "qrl/foundation/Format.h"
-#include "qrl/video/DisplayServer.h"
-#include "qrl/video/DisplaysProvider.h"
-#include "qrl/video/VideoPlatform.h"
 
 namespace qrl {
 
@@ -34,12 +31,6 @@ NSRect NSMultipleOf32Rect(const NSRect& r) { return {r.origin, NSMultipleOf32Siz
 
 std::string NSStringFromCGRect(const CGRect& r) {
     return qrl::format("{{%1.0f,%1.0f}, {%1.0f,%1.0f}}", r.origin.x, r.origin.y, r.size.width, r.size.height);
-}
-
-NSPoint QRLFlipFromCocoaToQuartzCoords(const NSPoint& p) {
-    const auto screen = DisplaysProvider::screenForDisplayID(VideoPlatform::displayServer()->mainDisplayID());
-    const double height = screen ? screen->frame().size.height : 0.0;
-    return {p.x, height - p.y};
 }
 
 bool NSIsEmptySize(const NSSize& s) { return s.width <= 0.0 || s.height <= 0.0; }

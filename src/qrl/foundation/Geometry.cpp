@@ -1,4 +1,4 @@
-#include "qrl/video/Geometry.h"
+#include "qrl/foundation/Geometry.h"
 
 #include <algorithm>
 #include <cmath>

@@ -1,12 +1,11 @@
 // Rectangle arithmetic for the whole system: centres, flooring, rounding to
-// multiples of 32, comparison with a tolerance, the text form, and the flip
-// from screen coordinates (y up) to display coordinates (y down).
+// multiples of 32, comparison with a tolerance and the text form.
 #pragma once
 
 #include <cstdint>
 #include <string>
 
-#include "qrl/video/Geometry.h"
+#include "qrl/foundation/Geometry.h"
 
 namespace qrl {
 
@@ -28,10 +27,6 @@ NSRect NSMultipleOf32Rect(const NSRect& r);
 
 // "{{%1.0f,%1.0f}, {%1.0f,%1.0f}}" with x, y, width, height.
 std::string NSStringFromCGRect(const CGRect& r);
-
-// y becomes the height of the main display's screen minus y; x stays. With
-// no such screen the height counts as 0.
-NSPoint QRLFlipFromCocoaToQuartzCoords(const NSPoint& p);
 
 // True when width or height is 0 or less.
 bool NSIsEmptySize(const NSSize& s);
