@@ -217,6 +217,12 @@ TEST(ValueArenaTest, PiecesAreReleasedFromAnyThread) {
 // A fork while other threads release blocks leaves the child a usable
 // list of kept blocks.
 TEST(ValueArenaTest, AChildProcessReadsAfterAForkAmidReleases) {
+#if defined(__SANITIZE_ADDRESS__)
+    // The address sanitizer's own allocator takes no lock across fork: a
+    // child forked while the other thread is inside malloc waits for ever.
+    // The plain and thread-sanitizer builds run this case.
+    GTEST_SKIP() << "the address sanitizer's allocator is not safe across fork amid other threads' allocations";
+#endif
     std::atomic<bool> stop{false};
     std::thread releaser([&stop] {
         while (!stop.load()) {
