@@ -69,6 +69,14 @@ std::string backendChoiceReport() {
     return out;
 }
 
+std::string backendChoiceFor(std::string_view port) {
+    Registry& r = registry();
+    std::lock_guard lock(r.mutex);
+    for (const auto& c : r.choices)
+        if (c.port == port) return c.describe();
+    return {};
+}
+
 namespace detail {
 
 std::string backendNameFor(const BackendPort& port, std::string& source) {

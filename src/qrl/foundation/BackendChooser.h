@@ -70,6 +70,8 @@ std::string requestedBackend(std::string_view port);
 // Every choice made in this process, the latest per port, in the order the
 // ports were first chosen; one line per port: "<port>: <describe()>".
 std::string backendChoiceReport();
+// The latest choice of one port, as describe() gives it; "" before any.
+std::string backendChoiceFor(std::string_view port);
 
 namespace detail {
 

@@ -97,16 +97,9 @@ std::optional<Value> portableValue(const Value& value, int depth, std::size_t& d
 
 void raise(const std::string& reason) { Exception::raise("DistributedNotificationCenter", reason); }
 
-std::mutex gReportMutex;
-std::string gReport;  // guarded by gReportMutex
-
 std::shared_ptr<DistributedNotificationCenter> choose() {
     BackendChoice choice;
     auto center = chooseBackend(detail::kNotificationPort, detail::distributedCenterBackends(), &choice);
-    {
-        std::lock_guard lock(gReportMutex);
-        gReport = choice.describe();
-    }
     for (const auto& note : choice.notes) platformLogFormat("Cross-process notifications: %@", note);
     if (choice.chosen == "local" && choice.named != "local")
         platformLogFormat("Cross-process notifications: no session bus (%@); they reach this process only",
@@ -249,10 +242,7 @@ void DistributedNotificationCenter::install(std::shared_ptr<DistributedNotificat
     slot().install(std::move(center));
 }
 
-std::string DistributedNotificationCenter::choiceReport() {
-    std::lock_guard lock(gReportMutex);
-    return gReport;
-}
+std::string DistributedNotificationCenter::choiceReport() { return backendChoiceFor(detail::kNotificationPort.name); }
 
 ScopedDistributedNotificationCenter::ScopedDistributedNotificationCenter(
     std::shared_ptr<DistributedNotificationCenter> center)

@@ -4,7 +4,6 @@
 // name the library in src/CMakeLists.txt. Nothing else chooses backends.
 #include "qrl/video/detail/VideoBackends.h"
 
-#include <cstdlib>
 #include <string>
 
 #include "qrl/foundation/NotificationCenter.h"
@@ -67,19 +66,11 @@ public:
     std::unique_ptr<GLContext> createContext(const GLPixelFormat&, GLContext*) override { return nullptr; }
 };
 
-#if QRL_HAVE_X11
-std::string withoutDisplayVariable() {
-    const char* display = std::getenv("DISPLAY");
-    return display && *display ? std::string() : std::string("DISPLAY is not set");
-}
-#endif
-
 // Displays: the X server of $DISPLAY (XRandR 1.5); a simulated 1920 by 1080
 // display when named; none when nothing else works.
 const DisplayServerEntry kDisplayServers[] = {
 #if QRL_HAVE_X11
     {.name = "x11",
-     .unavailable = &withoutDisplayVariable,
      .make = [](std::string* whyNot) -> std::shared_ptr<DisplayServer> {
          return DisplayServerX11::open(nullptr, NotificationCenter::defaultCenter(), whyNot);
      }},

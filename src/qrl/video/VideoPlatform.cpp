@@ -1,6 +1,5 @@
 #include "qrl/video/VideoPlatform.h"
 
-#include <mutex>
 #include <string>
 #include <utility>
 
@@ -15,22 +14,13 @@ namespace qrl {
 
 namespace {
 
-std::mutex gReportMutex;
-std::string gDisplayReport;   // guarded by gReportMutex
-std::string gRendererReport;  // guarded by gReportMutex
-
 // Walks the port's list; says once why nothing better than "none" was found.
 template <class Port>
 std::shared_ptr<Port> choose(const BackendPort& port, std::span<const BackendEntry<std::shared_ptr<Port>>> entries,
-                             std::string& report, const char* failure) {
+                             const char* failure) {
     BackendChoice choice;
     std::shared_ptr<Port> made = chooseBackend(port, entries, &choice);
-    const std::string line = std::string(port.name) + ": " + choice.describe();
-    {
-        std::lock_guard lock(gReportMutex);
-        report = line;
-    }
-    QRLLogInfo("Video backend chosen, %@", line);
+    QRLLogInfo("Video backend chosen, %@: %@", std::string(port.name), choice.describe());
     if (choice.chosen == "none" && choice.named != "none") platformLogFormat("%@: %@", failure, choice.reasons());
     return made;
 }
@@ -45,15 +35,14 @@ bool hasBackend(auto entries, std::string_view name) {
 
 InstalledPort<DisplayServer>& VideoPlatform::displaysSlot() {
     static auto* slot = new InstalledPort<DisplayServer>([] {
-        return choose<DisplayServer>(detail::kDisplaysPort, detail::displayServerBackends(), gDisplayReport,
-                                     "No display server");
+        return choose<DisplayServer>(detail::kDisplaysPort, detail::displayServerBackends(), "No display server");
     });
     return *slot;
 }
 
 InstalledPort<GraphicsDevices>& VideoPlatform::renderersSlot() {
     static auto* slot = new InstalledPort<GraphicsDevices>([] {
-        return choose<GraphicsDevices>(detail::kRenderersPort, detail::graphicsDevicesBackends(), gRendererReport,
+        return choose<GraphicsDevices>(detail::kRenderersPort, detail::graphicsDevicesBackends(),
                                        "No graphics renderers");
     });
     return *slot;
@@ -86,9 +75,11 @@ void VideoPlatform::install(std::shared_ptr<DisplayServer> displays, std::shared
 }
 
 std::string VideoPlatform::choiceReport() {
-    std::lock_guard lock(gReportMutex);
-    std::string out = gDisplayReport;
-    if (!gRendererReport.empty()) out += (out.empty() ? "" : "\n") + gRendererReport;
+    std::string out;
+    for (const BackendPort& port : {detail::kDisplaysPort, detail::kRenderersPort}) {
+        const std::string line = backendChoiceFor(port.name);
+        if (!line.empty()) out += (out.empty() ? "" : "\n") + std::string(port.name) + ": " + line;
+    }
     return out;
 }
 
