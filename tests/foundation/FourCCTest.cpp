@@ -12,11 +12,9 @@ static_assert(fourCC("glob") == 0x676c6f62u);
 
 TEST(FourCCTest, PrintsPrintableCodesAsCharactersAndOthersAsNumbers) {
     EXPECT_EQ(fourCCString(fourCC("dev#")), "dev#");
-    EXPECT_EQ(fourCCString(fourCC("nope")), "nope");
     EXPECT_EQ(fourCCString(fourCC(" ab ")), " ab ");
     EXPECT_EQ(fourCCString(0), "0");
     EXPECT_EQ(fourCCString(static_cast<uint32_t>(-50)), "-50");
-    EXPECT_EQ(fourCCString(1234), "1234");
     EXPECT_EQ(fourCCString(fourCC("1234")), "'1234'");
     EXPECT_EQ(fourCCString(fourCC("-123")), "'-123'");
     EXPECT_EQ(fourCCString(0x6c70630au), "1819304714");  // a control byte

@@ -66,77 +66,6 @@ TEST_P(QRLDefaultsContract, RegisteredDefaultsAndSetValues) {
     EXPECT_TRUE(log_.lines().empty());
 }
 
-TEST_P(QRLDefaultsContract, TypedGettersCoerceNumbersAlikeAndOnlyThePersistentStoreReadsText) {
-    const bool p = persistent();
-    const std::pair<Value, std::pair<int32_t, bool>> cases[] = {
-        {"42", p ? std::pair{42, true} : std::pair{0, false}},
-        {" -7x", p ? std::pair{-7, true} : std::pair{0, false}},
-        {"YES", {0, p}},
-        {"true", {0, p}},
-        {"NO", {0, false}},
-        {"0", {0, false}},
-        {3.9, {3, true}},
-        {true, {1, true}},
-        {Value::array({1}), {0, false}},
-        {Value(int64_t{0x100000005}), {5, true}}};
-    for (const auto& [value, expected] : cases) {
-        d.setObject(value, "k");
-        EXPECT_EQ(d.objectForKey("k"), value);
-        EXPECT_EQ(d.integerForKey("k"), expected.first) << value.description();
-        EXPECT_EQ(d.boolForKey("k"), expected.second) << value.description();
-    }
-    // setInteger keeps 64 bits in the persistent store, the lower 32 (signed)
-    // in memory.
-    const std::pair<int64_t, int64_t> stored[] = {
-        {0x100000007, 7}, {0xFFFFFFFF, -1}, {-1, -1}, {0x80000000, INT32_MIN}};
-    for (const auto& [argument, kept] : stored) {
-        d.setInteger(argument, "i");
-        EXPECT_EQ(d.objectForKey("i"), Value(static_cast<long long>(p ? argument : kept))) << argument;
-    }
-}
-
-TEST_P(QRLDefaultsContract, ObserversTheMapAndContainers) {
-    const bool p = persistent();
-    d.registerDefaults(Dictionary{{"level", 2}});
-    auto observable = d.observableObject();
-    if (p) EXPECT_EQ(observable, UserDefaults::standardUserDefaults());
-    else EXPECT_EQ(observable.get(), static_cast<KeyObservable*>(dynamic_cast<QRLNonPersistentDefaults*>(&d)));
-    Strings heard;
-    observable->addObserver(
-        "level",
-        [&](std::string_view, const KeyValueChange& change) {
-            // Reading the store back from inside the call must not deadlock.
-            auto show = [](const std::optional<Value>& v) { return v ? v->description() : std::string("-"); };
-            heard.push_back(show(change.oldValue) + ">" + show(change.newValue) + " reads " +
-                            std::to_string(d.integerForKey("level")));
-        },
-        NSKeyValueObservingOptionInitial | NSKeyValueObservingOptionOld | NSKeyValueObservingOptionNew);
-    d.setInteger(3, "level");
-    d.setInteger(3, "level");
-    d.setObject(Value(3), "level");
-    d.registerDefaults(Dictionary{{"level", 1}});  // tells nobody
-    d.synchronize();
-    // Persistent: every set is heard at once, the same value too. In memory:
-    // only the initial call.
-    if (p) {
-        d.setObject(Value(), "level");
-        EXPECT_EQ(heard, (Strings{"->2 reads 2", "2>3 reads 3", "3>3 reads 3", "3>3 reads 3", "3>1 reads 1"}));
-    } else {
-        EXPECT_EQ(heard, Strings{"->2 reads 2"});
-    }
-
-    // The in-memory map is live and containers stay shared with the caller;
-    // the persistent store copies both in and out.
-    const auto map = d.dictionaryRepresentation();
-    d.setInteger(7, "later");
-    EXPECT_EQ(map->contains("later"), !p);
-    Value list = Value::array({1, 2});
-    d.setObject(list, "list");
-    list.asArray()->push_back(3);
-    d.objectForKey("list").asArray()->push_back(4);
-    EXPECT_EQ(d.objectForKey("list"), p ? Value::array({1, 2}) : Value::array({1, 2, 3, 4}));
-}
-
 TEST_P(QRLDefaultsContract, OnlyThePersistentStoreRefusesValuesItCannotSave) {
     struct Thing : Object {
         std::string description() const override { return "thing"; }
@@ -159,9 +88,6 @@ TEST_P(QRLDefaultsContract, OnlyThePersistentStoreRefusesValuesItCannotSave) {
             EXPECT_EQ(e.name(), "NSInvalidArgumentException");
         }
         EXPECT_EQ(d.integerForKey("k"), 1);
-    }
-    if (persistent()) {
-        EXPECT_THROW(d.setObject(1, "\xc0"), Exception);
     }
 }
 
@@ -200,26 +126,6 @@ TEST_P(QRLDefaultsContract, ManyThreadsSetRegisterReadObserveAndSave) {
     }
 }
 
-TEST(QRLNonPersistentDefaults, ANullMapIgnoresEverythingAndTheObservableSharesOwnership) {
-    auto defaults = std::make_shared<QRLNonPersistentDefaults>();
-    auto observable = defaults->observableObject();
-    std::weak_ptr<QRLNonPersistentDefaults> weak = defaults;
-    defaults.reset();
-    EXPECT_FALSE(weak.expired());
-    observable.reset();
-    EXPECT_TRUE(weak.expired());
-
-    QRLNonPersistentDefaults d;
-    d.setDict(nullptr);
-    d.setObject(Value(), "k");
-    d.setInteger(2, "k");
-    d.registerDefaults(Dictionary{{"k", 3}});
-    EXPECT_EQ(d.objectForKey("k"), Value());
-    EXPECT_EQ(d.integerForKey("k"), 0);
-    EXPECT_EQ(d.dictionaryRepresentation(), nullptr);
-    EXPECT_EQ(d.description().rfind("<QRLNonPersistentDefaults: 0x", 0), 0u);
-}
-
 // ---- The factory.
 
 class QRLDefaultsFactoryTest : public ::testing::Test {
@@ -227,38 +133,6 @@ protected:
     void TearDown() override { QRLDefaultsFactory::useNSUserDefaults(); }
     test::ScopedConfigHome home_;
 };
-
-TEST_F(QRLDefaultsFactoryTest, EverySwitchAnnouncesTheEndAndDropsTheStore) {
-    QRLDefaultsFactory::useNonPersistentDefaults();
-    auto first = QRLDefaultsFactory::shared();
-    EXPECT_EQ(QRLDefaultsFactory::shared(), first);
-    ASSERT_TRUE(std::dynamic_pointer_cast<QRLNonPersistentDefaults>(first));
-    first->setInteger(3, "level");
-
-    std::vector<std::shared_ptr<QRLDefaults>> seenDuring;
-    auto token = NotificationCenter::defaultCenter().addObserver(
-        QRLDefaultsBeingDeallocated, QRLDefaultsFactory::classObject(),
-        // The lock is recursive: the old store is still the current one here.
-        [&](const Notification&) { seenDuring.push_back(QRLDefaultsFactory::shared()); });
-
-    std::weak_ptr<QRLDefaults> weakFirst = first;
-    first.reset();
-    QRLDefaultsFactory::useNonPersistentDefaults();  // same kind: still announced, still dropped
-    ASSERT_EQ(seenDuring.size(), 1u);
-    EXPECT_EQ(seenDuring[0], weakFirst.lock());
-    seenDuring.clear();
-    EXPECT_TRUE(weakFirst.expired());
-    auto second = QRLDefaultsFactory::shared();
-    EXPECT_EQ(second->objectForKey("level"), Value());  // nothing carried over
-
-    QRLDefaultsFactory::useNSUserDefaults();
-    EXPECT_EQ(seenDuring, std::vector<std::shared_ptr<QRLDefaults>>{second});
-    auto persistent = QRLDefaultsFactory::shared();
-    EXPECT_TRUE(std::dynamic_pointer_cast<QRLNSUserDefaults>(persistent));
-    persistent->setInteger(5, "level");
-    EXPECT_EQ(UserDefaults::standardUserDefaults()->integerForKey("level"), 5);
-    NotificationCenter::defaultCenter().removeObserver(token);
-}
 
 TEST_F(QRLDefaultsFactoryTest, AThrowingObserverDoesNotStopTheSwitch) {
     QRLDefaultsFactory::shared();

@@ -4,11 +4,8 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstdio>
 #include <latch>
-#include <map>
-#include <mutex>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -34,9 +31,7 @@ void logInfo(const char* format, const Args&... args) {
     QRLLog::log(false, 7, 4, 1, __FILE__, __func__, __LINE__, format, args...);
 }
 
-std::shared_ptr<CapturingLogger> makeLogger(const char* name, bool answersOptional = false) {
-    return std::make_shared<CapturingLogger>(name, answersOptional);
-}
+std::shared_ptr<CapturingLogger> makeLogger(const char* name) { return std::make_shared<CapturingLogger>(name); }
 
 // Starts each test with nothing pending and puts the processor count back.
 class Engine : public ::testing::TestWithParam<uint32_t> {
@@ -95,60 +90,6 @@ TEST_P(Engine, EveryLoggerSeesOneOrderAndEachThreadsOwnOrder) {
         }
 }
 
-// Start and end of each logMessage, across loggers.
-struct Timeline {
-    std::mutex mutex;
-    Strings events;
-    void add(std::string e) {
-        std::lock_guard lock(mutex);
-        events.push_back(std::move(e));
-    }
-};
-
-TEST_P(Engine, LoggersRunInParallelOrNewestFirstAndEachMessageEndsBeforeTheNext) {
-    Timeline timeline;
-    // With several processors, two loggers wait inside logMessage until
-    // both have arrived: possible only when they run at the same time.
-    std::mutex mutex;
-    std::condition_variable arrived;
-    std::map<std::string, int> count;
-    std::atomic<int> missed{0};
-    const bool parallel = GetParam() > 1;
-    auto hook = [&](const char* name) {
-        return [&, name](const QRLLogMessage& m) {
-            timeline.add(std::string("start ") + name + " " + m.logMsg());
-            if (parallel) {
-                std::unique_lock lock(mutex);
-                ++count[m.logMsg()];
-                arrived.notify_all();
-                if (!arrived.wait_for(lock, kDeadline, [&] { return count[m.logMsg()] == 2; })) ++missed;
-            }
-            timeline.add(std::string("end ") + name + " " + m.logMsg());
-        };
-    };
-    auto older = makeLogger("test.older"), newer = makeLogger("test.newer");
-    older->onMessage = hook("older");
-    newer->onMessage = hook("newer");
-    {
-        ScopedLogger s1(older), s2(newer);
-        for (int i = 0; i < 10; ++i) logInfo("%d", i);
-    }
-    EXPECT_EQ(missed.load(), 0);
-    ASSERT_EQ(timeline.events.size(), 40u);
-    for (int k = 0; k < 10; ++k) {
-        const std::string n = std::to_string(k);
-        const auto* e = &timeline.events[4 * static_cast<size_t>(k)];
-        if (parallel) {
-            EXPECT_TRUE(e[0].starts_with("start") && e[1].starts_with("start")) << e[0] << ", " << e[1];
-            EXPECT_TRUE(e[2].starts_with("end") && e[3].starts_with("end")) << e[2] << ", " << e[3];
-            for (int j = 0; j < 4; ++j) EXPECT_TRUE(e[j].ends_with(" " + n)) << e[j];
-        } else {
-            EXPECT_EQ(Strings(e, e + 4),
-                      (Strings{"start newer " + n, "end newer " + n, "start older " + n, "end older " + n}));
-        }
-    }
-}
-
 TEST_P(Engine, TheThousandAndFirstCallerWaitsUntilAMessageIsDelivered) {
     auto holder = makeLogger("test.holder");
     std::latch entered(1), released(1);
@@ -186,44 +127,6 @@ TEST_P(Engine, TheThousandAndFirstCallerWaitsUntilAMessageIsDelivered) {
     // Without loggers, messages still pass and give their room back.
     QRLLog::removeAllLoggers();
     for (int i = 0; i < 2500; ++i) logInfo("nobody hears %d", i);
-}
-
-TEST_P(Engine, ChangesOfTheListAndFlushesComeInTheirTurn) {
-    auto observer = makeLogger("test.observer", true), never = makeLogger("test.never", true);
-    auto silent = makeLogger("test.silent"), slow = makeLogger("test.slow");
-    slow->onMessage = [](const QRLLogMessage&) { std::this_thread::yield(); };
-    ScopedLogger s1(silent), s2(slow);
-    logInfo("before");
-    QRLLog::addLogger(observer);
-    logInfo("during");
-    std::thread other([] {
-        for (int i = 0; i < 100; ++i) logInfo("other %d", i);
-    });
-    other.join();
-    QRLLog::flushLog();
-    EXPECT_EQ(slow->texts().size(), 102u);  // nothing left to wait for after flushLog
-    QRLLog::removeLogger(never);            // never added: asked, nothing else
-    QRLLog::removeLogger(observer);
-    logInfo("after");
-    QRLLog::addLogger(nullptr);
-    QRLLog::removeLogger(nullptr);
-    QRLLog::flushLog();
-
-    // A logger that does not flush is not waited for: its queue is held here.
-    std::latch held(1), release(1);
-    silent->loggerQueue()->async([&] {
-        held.count_down();
-        release.wait();
-    });
-    held.wait();
-    QRLLog::flushLog();
-    release.count_down();
-
-    Strings expected{"didAdd@tigostu", "during@test.observer"};
-    for (int i = 0; i < 100; ++i) expected.push_back(qrl::format("other %d@test.observer", i));
-    expected.insert(expected.end(), {"flush@test.observer", "willRemove@tigostu"});
-    EXPECT_EQ(observer->events(), expected);
-    EXPECT_EQ(never->events(), Strings{"willRemove@tigostu"});
 }
 
 TEST_P(Engine, AThrowingLoggerIsReportedAndTheOthersCarryOn) {
@@ -277,38 +180,6 @@ TEST_P(Engine, ALoggerThatLogsWhileDeliveringDoesNotWaitForItself) {
     EXPECT_EQ(refusedFlush, "QRLLog");
 }
 
-class PrefixFormatter : public QRLLogFormatter {
-public:
-    std::optional<std::string> formatLogMessage(const QRLLogMessage& m) override { return "F:" + m.logMsg(); }
-};
-
-TEST_P(Engine, SynchronousStatementsAndFormatterChangesTakeEffectInOrder) {
-    auto logger = makeLogger("test.formatting");
-    auto formatter = std::make_shared<PrefixFormatter>();
-    {
-        ScopedLogger scope(logger);
-        EXPECT_EQ(logger->logFormatter(), nullptr);
-        QRLLog::log(true, 1, 1, 32, __FILE__, __func__, __LINE__, "one");
-        EXPECT_EQ(logger->texts().size(), 1u);  // delivered when log returned
-        logger->setLogFormatter(formatter);
-        EXPECT_EQ(logger->logFormatter(), formatter);
-        logInfo("two");
-        logger->setLogFormatter(formatter);  // the same: nothing changes
-        logger->setLogFormatter(nullptr);
-        QRLLog::queueLogMessage(nullptr, false);
-        QRLLog::queueLogMessage(std::make_unique<QRLLogMessage>("made here", 3, 2, 16, "f.cpp", "fn", 12), true);
-        EXPECT_EQ(logger->texts().size(), 3u);
-    }
-    const auto seen = logger->messages();
-    ASSERT_EQ(seen.size(), 3u);
-    EXPECT_EQ(seen[0].written, "one");
-    EXPECT_EQ(seen[0].deliveredOnQueue, "test.formatting");
-    EXPECT_EQ(seen[1].written, "F:two");
-    EXPECT_EQ(seen[2].written, "made here");
-    EXPECT_EQ(seen[2].context, 16);
-    EXPECT_EQ(formatter.use_count(), 1);  // the engine and the logger let go of it
-}
-
 TEST_P(Engine, TheTerminationNoticeFlushesTheLog) {
     auto slow = makeLogger("test.slow");
     slow->onMessage = [](const QRLLogMessage&) { std::this_thread::yield(); };
@@ -317,62 +188,6 @@ TEST_P(Engine, TheTerminationNoticeFlushesTheLog) {
     NotificationCenter::defaultCenter().post(kApplicationWillTerminateNotification);
     EXPECT_EQ(slow->texts().size(), 100u);
     QRLLog::removeLogger(slow);
-}
-
-// ---------------------------------------------------------------- class levels
-
-struct AudioThing {
-    static inline int32_t level = 3;
-    static int32_t qrlLogLevel() { return level; }
-    static void qrlSetLogLevel(int32_t l) { level = l; }
-};
-
-namespace deep {
-struct VideoThing {
-    static inline int16_t level = 7;
-    static int16_t qrlLogLevel() { return level; }
-    static void qrlSetLogLevel(int32_t l) { level = static_cast<int16_t>(l); }
-};
-}  // namespace deep
-
-struct Bystander {};
-
-QRL_LOG_REGISTER_CLASS(AudioThing);
-QRL_LOG_REGISTER_CLASS(deep::VideoThing);
-static_assert(!QRLLogLevelClass<Bystander>);
-
-TEST(QRLLogClassLevels, RegisteredClassesAnswerAndOthersGiveMinusOne) {
-    AudioThing::level = 3;
-    deep::VideoThing::level = 7;
-    EXPECT_TRUE(QRLLog::isRegisteredClass<AudioThing>());
-    EXPECT_TRUE(QRLLog::isRegisteredClass(typeid(deep::VideoThing)));
-    EXPECT_FALSE(QRLLog::isRegisteredClass<Bystander>());
-    const Strings names = QRLLog::registeredClassNames();
-    const auto classes = QRLLog::registeredClasses();
-    ASSERT_EQ(names.size(), classes.size());
-    const auto audio = std::find(names.begin(), names.end(), "AudioThing");
-    const auto video = std::find(names.begin(), names.end(), "deep::VideoThing");
-    ASSERT_LT(audio, video);  // both there, in the order of registration
-    ASSERT_NE(video, names.end());
-    EXPECT_EQ(*classes[static_cast<size_t>(audio - names.begin())], typeid(AudioThing));
-
-    EXPECT_EQ(QRLLog::logLevelForClass(typeid(AudioThing)), 3);
-    EXPECT_EQ(QRLLog::logLevelForClassWithName("deep::VideoThing"), 7);
-    QRLLog::setLogLevelForClassWithName(15, "AudioThing");
-    QRLLog::setLogLevelForClass(1, typeid(deep::VideoThing));
-    EXPECT_EQ(AudioThing::level, 15);
-    EXPECT_EQ(deep::VideoThing::level, 1);
-    QRLLog::setLogLevelForClassWithName(7, "Nobody");  // ignored
-    QRLLog::setLogLevelForClass(7, typeid(Bystander));
-    EXPECT_EQ(QRLLog::logLevelForClassWithName("Nobody"), -1);
-    EXPECT_EQ(QRLLog::logLevelForClass(typeid(Bystander)), -1);
-
-    {
-        QRLLog::ClassRegistration temporary(
-            typeid(Bystander), "Bystander", [] { return 1; }, [](int32_t) {});
-        EXPECT_EQ(QRLLog::logLevelForClassWithName("Bystander"), 1);
-    }
-    EXPECT_FALSE(QRLLog::isRegisteredClass<Bystander>());  // gone with its registration
 }
 
 }  // namespace

@@ -3,13 +3,12 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <pty.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <termios.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
-#include <cstdio>
 #include <regex>
 #include <string>
 
@@ -80,32 +79,6 @@ TEST(QRLTTYLogger, WritesOneLinePerMessageToATerminal) {
         logWarning("formatted");
     }
     EXPECT_EQ(terminal.read(1), "[(null)] [QRLTTYLoggerTest logWarning] formatted\n");
-}
-
-TEST(QRLTTYLogger, StaysSilentOnAFile) {
-    // The shared one is on standard error, and there is only that one.
-    ASSERT_NE(QRLTTYLogger::sharedInstance(), nullptr);
-    EXPECT_EQ(QRLTTYLogger::sharedInstance()->isaTTY(), ::isatty(STDERR_FILENO) == 1);
-    EXPECT_EQ(QRLTTYLogger::create(), nullptr);
-
-    char path[] = "/tmp/qrl-tty-XXXXXX";
-    UniqueFd file(::mkstemp(path));
-    ASSERT_TRUE(file);
-    ::unlink(path);
-    auto logger = QRLTTYLogger::createWritingTo(file.get());
-    EXPECT_FALSE(logger->isaTTY());
-    {
-        test::ScopedLogger scope(logger);
-        logWarning("nobody reads this");
-    }
-    logger->setLogFormatter(std::make_shared<ThreadLogger>());
-    {
-        test::ScopedLogger scope(logger);
-        logWarning("nor this");
-    }
-    struct stat info {};
-    ASSERT_EQ(::fstat(file.get(), &info), 0);
-    EXPECT_EQ(info.st_size, 0);
 }
 
 }  // namespace

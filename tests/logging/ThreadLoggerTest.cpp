@@ -1,15 +1,11 @@
-#include "qrl/logging/ThreadLogger.h"
+// The date part of the thread and terminal formatters, against the C library.
+#include "qrl/logging/detail/LocalDateFormatter.h"
 
 #include <gtest/gtest.h>
 #include <time.h>
 
 #include <random>
-#include <regex>
 #include <string>
-
-#include "qrl/foundation/SerialQueue.h"
-#include "qrl/logging/QRLLogMessage.h"
-#include "qrl/logging/detail/LocalDateFormatter.h"
 
 namespace qrl {
 namespace {
@@ -59,58 +55,6 @@ TEST(LocalDateFormatter, MatchesTheCLibraryOverGeneratedInstants) {
         const int64_t ns = start + k * 333'333'333;
         ASSERT_EQ(thread.format(Date{ns}), reference(ns, "%Y-%m-%d %H:%M:%S", '.', 3)) << ns;
     }
-}
-
-TEST(LocalDateFormatter, FractionsAreCutNeverRoundedAndLiteralsStand) {
-    const int64_t almostTwo = 1'700'000'001LL * 1'000'000'000 + 999'999'999;
-    EXPECT_EQ(LocalDateFormatter("SSS").format(Date{almostTwo}), "999");
-    EXPECT_EQ(LocalDateFormatter("S").format(Date{almostTwo}), "9");
-    EXPECT_EQ(LocalDateFormatter("SSSSSSSSSSSS").format(Date{almostTwo}), "999999999000");
-    EXPECT_EQ(LocalDateFormatter("SSS").format(Date{-1}), "999");  // one nanosecond before 1970
-    EXPECT_EQ(LocalDateFormatter("SSS").format(Date{5'000'000}), "005");
-    const int64_t noon = 1'700'000'000LL * 1'000'000'000;
-    EXPECT_EQ(LocalDateFormatter("'at' HH 'o''clock' [x]").format(Date{noon}), localText(noon, "at %H o'clock [x]"));
-    EXPECT_EQ(LocalDateFormatter("yy/M/d").format(Date{noon}), localText(noon, "%y/%-m/%-d"));
-}
-
-TEST(ThreadLogger, FormsWithAndWithoutQueueFileAndMethod) {
-    ThreadLogger formatter;  // no date, no class and method
-
-    const QRLLogMessage plain("hello", 7, 4, 1, "/src/Capture/Grabber.mm", "grabFrame:", 3);
-    EXPECT_EQ(formatter.formatLogMessage(plain), "[(null)] hello");
-    SerialQueue queue(std::string("com.tessara.capture"));
-    queue.sync([&] {
-        const QRLLogMessage onQueue("hello", 7, 4, 1, "/src/Capture/Grabber.mm", "grabFrame:", 3);
-        EXPECT_EQ(formatter.formatLogMessage(onQueue), "[com.tessara.capture] hello");
-    });
-
-    formatter.setIncludeClassAndMethod(true);
-    EXPECT_EQ(formatter.formatLogMessage(plain), "[(null)] [Grabber grabFrame:] hello");
-    const QRLLogMessage anonymous("hi", 1, 1, 1, nullptr, nullptr, 0);
-    EXPECT_EQ(formatter.formatLogMessage(anonymous), "[(null)] [(null) (null)] hi");
-
-    // Appending keeps what was there; both entry points agree.
-    std::string out = "> ";
-    EXPECT_TRUE(formatter.appendFormattedLogMessage(plain, out));
-    EXPECT_EQ(out, "> " + *formatter.formatLogMessage(plain));
-    // A text with format characters is data, not a format.
-    const QRLLogMessage percent("100% %@ %d", 1, 1, 1, nullptr, nullptr, 0);
-    formatter.setIncludeClassAndMethod(false);
-    EXPECT_EQ(formatter.formatLogMessage(percent), "[(null)] 100% %@ %d");
-}
-
-TEST(ThreadLogger, TheDateIsThePresentLocalTime) {
-    ThreadLogger formatter;
-    formatter.setIncludeDate(true);
-    const QRLLogMessage old("dated", 7, 4, 1, nullptr, nullptr, 0);
-    const int64_t before = Date::now().nanosecondsSinceEpoch;
-    const std::string line = *formatter.formatLogMessage(old);
-    const int64_t after = Date::now().nanosecondsSinceEpoch;
-    ASSERT_TRUE(std::regex_match(line, std::regex(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} \[\(null\)\] dated)")))
-        << line;
-    const std::string stamp = line.substr(0, 23);
-    EXPECT_GE(stamp, reference(before, "%Y-%m-%d %H:%M:%S", '.', 3));
-    EXPECT_LE(stamp, reference(after, "%Y-%m-%d %H:%M:%S", '.', 3));
 }
 
 }  // namespace

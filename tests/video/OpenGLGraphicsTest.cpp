@@ -22,14 +22,6 @@ protected:
     void TearDown() override { OpenGLGraphics::reset(); }
 };
 
-TEST_F(OpenGLGraphicsTest, ScreenInfo) {
-    EXPECT_EQ(OpenGLGraphics::infoForScreen(nullptr), "<screen is nil>");
-    const auto screen = NSScreen::screens().at(0);
-    const std::string info = OpenGLGraphics::infoForScreen(screen.get());
-    EXPECT_EQ(info.rfind("  NSScreenNumber = 1\r\n  NSDeviceSize = {1440, 900}\r\n", 0), 0u) << info;
-    EXPECT_EQ(info.substr(info.size() - 2), "\r\n");
-}
-
 TEST_F(OpenGLGraphicsTest, NoAcceleratedRendererRaisesWithBothScreens) {
     try {
         OpenGLGraphics::setupOpenGLContext(9);
@@ -44,16 +36,6 @@ TEST_F(OpenGLGraphicsTest, NoAcceleratedRendererRaisesWithBothScreens) {
     // The full-screen format was asked for with the display's mask.
     EXPECT_TRUE(renderers_->counters().lastAskedFullScreen);
     EXPECT_EQ(renderers_->counters().lastDisplayMask, 16u);
-    std::vector<std::string> warnings;
-    for (const auto& l : log_->lines())
-        if (l.flag == kLogFlagWarning) warnings.push_back(l.text);
-    ASSERT_GE(warnings.size(), 7u);
-    EXPECT_EQ(std::vector(warnings.begin(), warnings.begin() + 5),
-              (std::vector<std::string>{"About to throw exception because we cannot get pixel format.",
-                                        " CGLChoosePixelFormat err = 0", " Requesting display: 9",
-                                        " Requesting display mask: 16", " Main display: 1"}));
-    EXPECT_EQ(warnings[5].rfind("Details for display ID 9, {", 0), 0u);
-    EXPECT_EQ(warnings[6].rfind("Debug info: \r\nWanted display:", 0), 0u);
 }
 
 TEST_F(OpenGLGraphicsTest, CardNamesAndTheCache) {
@@ -80,37 +62,6 @@ TEST_F(OpenGLGraphicsTest, CardNamesAndTheCache) {
     nameless.cardName.reset();
     renderers_->setRenderers({nameless});
     EXPECT_THROW(OpenGLGraphics::cardDescription(1), Exception);
-
-    try {
-        OpenGLGraphics::setCacheValue(Value(), "k");
-        FAIL();
-    } catch (const Exception& e) {
-        EXPECT_EQ(e.name(), "NSInvalidArgumentException");
-    }
-}
-
-TEST_F(OpenGLGraphicsTest, GLErrorsBecomeExceptions) {
-    EXPECT_NO_THROW(OpenGLGraphics::raiseForGlErrorGlError("code %ld", 0));
-    test::expectRaise([] { OpenGLGraphics::raiseForGlErrorGlError("GL failed with %ld", 0x502); }, "OpenGLPop",
-                      "GL failed with 1282");
-    EXPECT_NO_THROW(OpenGLGraphics::raiseForGlErrorContext("%ld", nullptr));
-    auto context = OpenGLGraphics::setupOpenGLContext(1);
-    auto* sim = dynamic_cast<SimGLContext*>(context.get());
-    ASSERT_NE(sim, nullptr);
-    sim->pushError(0x500);
-    EXPECT_THROW(OpenGLGraphics::raiseForGlErrorContext("%ld", sim), Exception);
-    EXPECT_EQ(sim->lockCount(), 1);
-    EXPECT_NO_THROW(OpenGLGraphics::raiseForGlErrorContext("%ld", sim));  // read once, then clear
-
-    // The calling thread's current context.
-    GLContext::clearCurrent();
-    EXPECT_NO_THROW(OpenGLGraphics::raiseForGlError("%ld"));
-    ASSERT_TRUE(sim->makeCurrent());
-    EXPECT_EQ(GLContext::current(), sim);
-    sim->pushError(0x505);
-    EXPECT_THROW(OpenGLGraphics::raiseForGlError("%ld"), Exception);
-    context.reset();
-    EXPECT_EQ(GLContext::current(), nullptr);
 }
 
 }  // namespace

@@ -2,11 +2,9 @@
 
 #include <gtest/gtest.h>
 
-#include <random>
 #include <tuple>
 #include <vector>
 
-#include "qrl/video/gl/NSOpenGLPBufferTexture.h"
 #include "qrl/video/gl/OpenGLTexture.h"
 #include "video/GLTestSupport.h"
 
@@ -14,7 +12,6 @@ namespace qrl {
 namespace {
 
 using test::expectRaise;
-using test::kRenderer;
 
 class TextureManagerImplTest : public test::SimGLFixture {
 protected:
@@ -74,62 +71,8 @@ TEST_F(TextureManagerImplTest, LookupTableSizes) {
     EXPECT_EQ(sim(0).lockDepth(), 0);
     // The raises left their textures on the list for cleanUp to find.
     EXPECT_EQ(textures().numberOfTexturesAllocated(), 4);
-
-    // The product is a 32-bit one: large tables wrap, as the platform's
-    // arithmetic does, and the message shows the wrapped value.
-    std::mt19937 rng(7);
-    for (int i = 0; i < 200; ++i) {
-        const int32_t n = std::uniform_int_distribution<int32_t>(1, 5000)(rng);
-        const int32_t unit = std::uniform_int_distribution<int32_t>(1, 8)(rng);
-        const uint32_t wrapped = static_cast<uint32_t>(n) * static_cast<uint32_t>(n) * static_cast<uint32_t>(n) *
-                                 static_cast<uint32_t>(unit) * 3u;
-        const auto expected = static_cast<int64_t>(static_cast<int32_t>(wrapped));
-        const std::vector<uint8_t> one(1);
-        try {
-            textures().allocateNew3DLUTWithSize(n, unit, 3, one);
-            EXPECT_EQ(expected, 1);
-        } catch (const Exception& e) {
-            const std::string tail = qrl::format("(%d x %d x %d x 3 x %d == %d", n, n, n, unit, static_cast<int32_t>(expected));
-            EXPECT_EQ(e.name(), expected > 1 ? "DataTooShort" : "DataTooLong");
-            EXPECT_NE(e.reason().find(tail), std::string::npos) << e.reason();
-        }
-    }
     textures().cleanUp();
     EXPECT_EQ(sim(0).textureCount(), 0u);
-}
-
-TEST_F(TextureManagerImplTest, NamesListsAndReturnedTextures) {
-    auto a = textures().allocateNewTexture();
-    auto b = textures().allocateNewTexture();
-    ASSERT_TRUE(a->valid());
-    EXPECT_NE(a->textureID(), b->textureID());
-    EXPECT_EQ(a->description(), qrl::format("texture:%d", static_cast<int>(a->textureID())));
-    EXPECT_TRUE(textures().ownsTexture(*a));
-    EXPECT_FALSE(a->isEqual(*b));
-    EXPECT_EQ(textures().numberOfTexturesAllocated(), 2);
-
-    const GLuint name = a->textureID();
-    a->deleteTexture();
-    EXPECT_FALSE(a->valid());
-    EXPECT_FALSE(textures().ownsTexture(*a));
-    EXPECT_EQ(textures().numberOfTexturesAllocated(), 1);
-    EXPECT_FALSE(sim(0).texture(name).has_value());
-    EXPECT_EQ(a->owningContext(), nullptr);
-
-    // Without a selected context: a texture with no name, not valid.
-    manager_->makeContextCurrent(-1);
-    auto orphan = manager_->textureManager()->allocateNewTexture();
-    EXPECT_FALSE(orphan->valid());
-    EXPECT_EQ(orphan->description().rfind("(INVALID)", 0), 0u);
-    EXPECT_EQ(log_->countStartingWith("Unable to create a new texture using manager <TextureManagerImpl"), 1);
-
-    auto tm = manager_->textureManager();
-    tm->cleanUp();
-    EXPECT_EQ(tm->allocateNewTexture(), nullptr);
-    EXPECT_EQ(tm->contextManager(), nullptr);
-    EXPECT_FALSE(b->valid());
-    expectRaise([] { TextureManagerImpl::initWithManager(nullptr); }, "NoManager",
-                "Cannot initialize a texture manager with a nil context manager");
 }
 
 TEST_F(TextureManagerImplTest, ClientMemoryGoesThroughAPersistentPixelBuffer) {
@@ -192,25 +135,6 @@ TEST_F(TextureManagerImplTest, SavedParametersAndFiltering) {
     sim(0).failNextCall("glPixelStorei", GL_INVALID_VALUE);
     expectRaise([&] { t->setPackRowLength(-1); }, "OpenGLPop", "Unable to set the pack row length, 1281");
     EXPECT_EQ(sim(0).lockDepth(), 0);
-}
-
-TEST_F(TextureManagerImplTest, PixelBufferTextureDrawsInASharedContext) {
-    auto p = textures().allocateNewNSPBuffer(NSMakeSize(32, 8));
-    ASSERT_NE(p, nullptr);
-    EXPECT_TRUE(p->valid());
-    EXPECT_TRUE(textures().ownsTexture(*p));
-    EXPECT_EQ(p->currentVirtualScreenForPBufferContext(), 0);
-    auto& own = dynamic_cast<SimGLContext&>(*p->pixelBufferContext());
-    EXPECT_EQ(own.shareGroup(), sim(0).shareGroup());
-    p->makePixelBufferContextCurrent();
-    EXPECT_EQ(GLContext::current(), &own);
-
-    // Teardown keeps the pixel buffer with the object; validity follows the manager.
-    manager_->cleanUp();
-    EXPECT_FALSE(p->valid());
-    EXPECT_NE(p->pixelBuffer(), nullptr);
-    p->cleanupSubclassResources();
-    EXPECT_EQ(p->pixelBuffer(), nullptr);
 }
 
 }  // namespace

@@ -16,7 +16,6 @@
 #include "qrl/foundation/NotificationCenter.h"
 #include "qrl/video/DisplaysProvider.h"
 #include "qrl/video/OpenGLContextManager.h"
-#include "qrl/video/OpenGLGraphics.h"
 #include "qrl/video/TextureManagerImpl.h"
 #include "qrl/video/VideoPlatform.h"
 #include "qrl/video/egl/GLContextEGL.h"
@@ -115,67 +114,6 @@ TEST_F(GLPixelTest, SubRectangleDrawnOneToOneThroughARectangleTexture) {
     EXPECT_EQ(dynamic_cast<GLContextEGL&>(context()).bindFailures(), 0u);
 
     EXPECT_EQ(mismatches(target, kOutW, kOutH, [&](int x, int y) { return pixels[(y + kY) * kW + x + kX]; }), 0);
-}
-
-TEST_F(GLPixelTest, ReadBackByteOrderOfTheFrameworksPixelType) {
-    auto t = textures().allocateNewTexture();
-    const uint32_t argb = 0x44112233u;  // A 0x44, R 0x11, G 0x22, B 0x33
-    t->bindTextureOfSize(NSMakeSize(1, 1), &argb);
-    auto fb = manager_->allocateFrameBuffer();
-    fb->use();
-    fb->bindWithTexture(t);
-    GLContext* c = manager_->lockCurrentContext();
-    std::array<uint8_t, 4> bytes{};
-    c->gl().glReadPixels(0, 0, 1, 1, GL_BGRA, static_cast<GLenum>(OpenGLGraphics::pixelFormatType()), bytes.data());
-    // GL_UNSIGNED_INT_8_8_8_8 with GL_BGRA: one word B G R A from the top byte
-    // down, which a little-endian machine stores as A R G B.
-    EXPECT_EQ(bytes, (std::array<uint8_t, 4>{0x44, 0x11, 0x22, 0x33}));
-    c->gl().glReadPixels(0, 0, 1, 1, GL_BGRA, GL_UNSIGNED_INT_8_8_8_8_REV, bytes.data());
-    EXPECT_EQ(bytes, (std::array<uint8_t, 4>{0x33, 0x22, 0x11, 0x44}));
-    manager_->unlockCGLContext(c);
-    fb->finish();
-}
-
-TEST_F(GLPixelTest, IdentityLookupTableOf33Cube) {
-    constexpr int kN = 33;
-    std::vector<uint16_t> lattice;
-    for (int b = 0; b < kN; ++b)
-        for (int g = 0; g < kN; ++g)
-            for (int r = 0; r < kN; ++r)
-                for (int v : {r, g, b}) lattice.push_back(static_cast<uint16_t>(std::lround(v * 65535.0 / (kN - 1))));
-    const std::span<const uint8_t> data(reinterpret_cast<const uint8_t*>(lattice.data()), lattice.size() * 2);
-    ASSERT_EQ(data.size(), 215622u);
-    auto lut = textures().allocateNew3DLUTWithSize(kN, 2, 3, data);
-    ASSERT_TRUE(lut);
-    lut->bindToTexture3D();
-    lut->trilinearInterpolationFor3DLUT();
-    auto shader = manager_->createNewFragmentShaderFromSource(R"(
-uniform sampler3D lut;
-uniform float blue;
-void main() {
-    vec3 c = vec3(floor(gl_FragCoord.xy) / 255.0, blue);
-    gl_FragColor = vec4(texture3D(lut, c * (32.0 / 33.0) + 0.5 / 33.0).rgb, 1.0);
-})");
-    auto target = textures().allocateNewVRAMTexture(NSMakeSize(256, 256), false);
-    auto fb = manager_->allocateFrameBuffer();
-    for (const int blue : {0, 77, 128, 255}) {
-        fb->useAndSet2dDrawingSizeTo(NSMakeSize(256, 256), target);
-        GLContext* c = manager_->lockCurrentContext();
-        c->gl().glDisable(GL_BLEND);
-        lut->bindToTexture3D();
-        shader->use();
-        shader->setUniform("lut", int32_t{0});
-        shader->setUniform("blue", blue / 255.0);
-        fb->drawTextureCoordsToOriginOfFBO(NSMakeRect(0, 0, 256, 256));
-        shader->finish();
-        manager_->unlockCGLContext(c);
-        fb->finish2dDrawingTo(nullptr);
-        EXPECT_EQ(mismatches(target, 256, 256,
-                             [&](int x, int y) { return 0xFF000000u | uint32_t(x) << 16 | uint32_t(y) << 8 | uint32_t(blue); }),
-                  0)
-            << "blue " << blue;
-    }
-    EXPECT_EQ(context().getError(), GL_NO_ERROR);
 }
 
 // 75% colour bars over the top half, a random picture below, as BGRA.
@@ -288,14 +226,6 @@ TEST_F(GLPixelTest, ShaderErrorsCarryTheDriversText) {
     manager_->unlockCGLContext(&context());  // that raise keeps the lock
     shader->finish();
     EXPECT_NO_THROW(shader->validate());
-}
-
-TEST_F(GLPixelTest, IncompleteFrameBufferRaisesWithItsStatus) {
-    auto fb = manager_->allocateFrameBuffer();
-    // GL_FRAMEBUFFER_INCOMPLETE_MISSING_ATTACHMENT
-    test::expectRaise([&] { fb->useAndSet2dDrawingSizeTo(NSMakeSize(16, 16), std::shared_ptr<TextureWithID>()); },
-                      "FrameBufferObject", "Unable to make FBO complete, status 36055");
-    EXPECT_EQ(context().lockDepth(), 0);
 }
 
 TEST_F(GLPixelTest, YCbCrTexturesWithoutGLErrors) {
