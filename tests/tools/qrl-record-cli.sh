@@ -62,9 +62,12 @@ for fps in 15 29.97 59.94; do
   awk -F, -v fps=$fps 'NR > 1 && $3 == 1 { if (n++ && $4 != end) { print "gap at row " NR; exit 1 } end = $4 + $5 * d }
        BEGIN { d = (fps == 29.97) ? 1001 : (fps == 59.94 ? 99 : 100) }' "$out/timeline.csv" || fail "time line has a gap at $fps"
 done
-# The pattern through the GPU (EGL, where it can be had) and through the CPU.
-"$prog" --platform sim --seconds 1 --size 96x54 --out "$work/gpu" >/dev/null 2>"$work/gpu.err" || fail "GPU run failed"
-"$prog" --platform sim --seconds 1 --size 96x54 --out "$work/cpu" --gpu off >/dev/null 2>&1 || fail "CPU run failed"
-cmp -s "$work/gpu/movie.y4m" "$work/cpu/movie.y4m" || fail "the GPU and CPU paths wrote different movies"
-grep -q "converting on the" "$work/gpu.err" || fail "the GPU run did not say how it converts"
+# The pattern through the GPU (EGL, where it can be had) and through the CPU,
+# at an even size and at an odd one (chroma planes of 33 x 19).
+for size in 96x54 65x37; do
+  "$prog" --platform sim --seconds 1 --size $size --out "$work/gpu$size" >/dev/null 2>"$work/gpu.err" || fail "GPU run at $size failed"
+  "$prog" --platform sim --seconds 1 --size $size --out "$work/cpu$size" --gpu off >/dev/null 2>&1 || fail "CPU run at $size failed"
+  cmp -s "$work/gpu$size/movie.y4m" "$work/cpu$size/movie.y4m" || fail "the GPU and CPU paths wrote different movies at $size"
+  grep -q "converting on the" "$work/gpu.err" || fail "the GPU run did not say how it converts"
+done
 echo "qrl-record CLI: all checks passed"

@@ -38,8 +38,8 @@ const char* recordUsage() {
            "  --platform P   'x11' (the X server; the default where $DISPLAY is set) or 'sim'\n"
            "  --gpu G        'auto' (default): convert on the GPU where one can be had, else\n"
            "                 on the CPU; 'on': the GPU or nothing; 'off': the CPU\n"
-           "  --size WxH     sim picture size, even numbers from 16x16 to 3840x2160 (default\n"
-           "                 320x180); implies sim, as x11 records the display at its own size\n"
+           "  --size WxH     sim picture size, from 16x16 to 3840x2160 (default 320x180);\n"
+           "                 implies sim, as x11 records the display at its own size\n"
            "  --seed N       seed of the arrival pattern (default 1)\n"
            "  --realtime     pace the recording to the wall clock instead of running flat out\n"
            "  --verbose      before the summary, say which backend each platform service\n"
@@ -110,8 +110,8 @@ std::optional<RecordOptions> parseRecordOptions(int argc, char** argv, std::stri
             int w = 0, h = 0;
             char tail = 0;
             if (std::sscanf(value.c_str(), "%dx%d%c", &w, &h, &tail) != 2 || w < 16 || h < 16 || w > 3840 ||
-                h > 2160 || w % 2 || h % 2)
-                return fail("--size must be WxH with even numbers from 16x16 to 3840x2160, got '" + value + "'");
+                h > 2160)
+                return fail("--size must be WxH from 16x16 to 3840x2160, got '" + value + "'");
             o.width = w;
             o.height = h;
             o.sizeGiven = true;

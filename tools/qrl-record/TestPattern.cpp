@@ -4,6 +4,8 @@
 #include <cmath>
 #include <cstdio>
 
+#include "Planes.h"
+
 namespace qrl::record {
 
 namespace {
@@ -37,15 +39,14 @@ constexpr uint8_t kBars[8][3] = {{180, 128, 128}, {162, 44, 142}, {131, 156, 44}
 }  // namespace
 
 TestPattern::TestPattern(int width, int height)
-    : width_(width), height_(height),
-      planes_(static_cast<size_t>(width) * height + 2 * static_cast<size_t>(width / 2) * (height / 2)) {}
+    : width_(width), height_(height), planes_(planesSize(width, height)) {}
 
 void TestPattern::fillRect(int x, int y, int w, int h, uint8_t Y, uint8_t Cb, uint8_t Cr) {
     const int x0 = std::clamp(x, 0, width_), x1 = std::clamp(x + w, 0, width_);
     const int y0 = std::clamp(y, 0, height_), y1 = std::clamp(y + h, 0, height_);
     uint8_t* luma = planes_.data();
     for (int row = y0; row < y1; ++row) std::fill(luma + row * width_ + x0, luma + row * width_ + x1, Y);
-    const int cw = width_ / 2, ch = height_ / 2;
+    const int cw = chromaWidth(width_), ch = chromaHeight(height_);
     uint8_t* cb = luma + static_cast<size_t>(width_) * height_;
     uint8_t* cr = cb + static_cast<size_t>(cw) * ch;
     for (int row = y0 / 2; row < std::min((y1 + 1) / 2, ch); ++row) {
@@ -90,7 +91,7 @@ void TestPattern::render(uint64_t number, double seconds) {
 
 void TestPattern::toBGRA(std::vector<uint8_t>& out) const {
     out.resize(static_cast<size_t>(width_) * height_ * 4);
-    const int cw = width_ / 2, ch = height_ / 2;
+    const int cw = chromaWidth(width_), ch = chromaHeight(height_);
     const uint8_t* luma = planes_.data();
     const uint8_t* cb = luma + static_cast<size_t>(width_) * height_;
     const uint8_t* cr = cb + static_cast<size_t>(cw) * ch;
@@ -110,7 +111,7 @@ void TestPattern::toBGRA(std::vector<uint8_t>& out) const {
 }
 
 void convertBGRAToYCbCr420(const uint8_t* bgra, size_t stride, int width, int height, uint8_t* planes) {
-    const int cw = (width + 1) / 2, ch = (height + 1) / 2;
+    const int cw = chromaWidth(width), ch = chromaHeight(height);
     auto at = [&](int x, int y, int c) -> int {
         return bgra[static_cast<size_t>(std::min(y, height - 1)) * stride + static_cast<size_t>(std::min(x, width - 1)) * 4 + c];
     };

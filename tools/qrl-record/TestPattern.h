@@ -10,7 +10,8 @@
 namespace qrl::record {
 
 // BGRA (rows of `stride` bytes) to planar BT.601 studio-range 4:2:0, chroma
-// from the mean of each 2x2 block: the CPU's version of the GPU path.
+// from the mean of each 2x2 block (of the pixels that exist, on the last
+// column and row of an odd size): the CPU's version of the GPU path.
 void convertBGRAToYCbCr420(const uint8_t* bgra, size_t stride, int width, int height, uint8_t* planes);
 
 class TestPattern {
@@ -19,7 +20,7 @@ public:
 
     int width() const { return width_; }
     int height() const { return height_; }
-    // Y plane, then Cb, then Cr (each chroma plane a quarter of Y).
+    // Y plane, then Cb, then Cr (see Planes.h for their sizes).
     const std::vector<uint8_t>& planes() const { return planes_; }
 
     // Redraws the picture for frame `number` captured `seconds` into the recording.

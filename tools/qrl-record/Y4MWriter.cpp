@@ -4,11 +4,12 @@
 #include <numeric>
 #include <stdexcept>
 
+#include "Planes.h"
+
 namespace qrl::record {
 
 Y4MWriter::Y4MWriter(std::string path, int width, int height, uint64_t num, uint64_t den)
-    : file_(std::move(path)),
-      frameBytes_(static_cast<size_t>(width) * height + 2 * static_cast<size_t>(width / 2) * (height / 2)) {
+    : file_(std::move(path)), frameBytes_(planesSize(width, height)) {
     if (!file_.ok()) throw std::runtime_error(file_.error());
     const uint64_t g = std::gcd(num, den);
     if (g > 1) {

@@ -21,7 +21,8 @@ public:
     Y4MWriter(const Y4MWriter&) = delete;
     Y4MWriter& operator=(const Y4MWriter&) = delete;
 
-    // Appends `planes` as `count` consecutive frames. Throws std::runtime_error on a write error.
+    // Appends `planes` (planesSize(width, height) bytes, see Planes.h) as `count`
+    // consecutive frames. Throws std::runtime_error on a write error or another size.
     void writeFrame(const std::vector<uint8_t>& planes, uint32_t count);
     // Flushes, syncs and renames into place. Throws std::runtime_error on failure.
     void finish();

@@ -27,6 +27,7 @@
 #include <string>
 #include <thread>
 
+#include "Planes.h"
 #include "RecordOptions.h"
 #include "TestPattern.h"
 #include "Y4MWriter.h"
@@ -394,7 +395,7 @@ int runX11(const RecordOptions& options) {
             if (gpu) {
                 gpu->convert(capture->pixels(), capture->stride(), planes);
             } else {
-                planes.resize(static_cast<size_t>(width) * height + 2 * static_cast<size_t>((width + 1) / 2) * ((height + 1) / 2));
+                planes.resize(planesSize(width, height));
                 convertBGRAToYCbCr420(capture->pixels(), capture->stride(), width, height, planes.data());
             }
             return planes;

@@ -172,7 +172,7 @@ int largestDifference(const std::vector<uint8_t>& a, const std::vector<uint8_t>&
 }
 
 TEST_F(GLPixelTest, BGRAToYCbCr420WithinOneCodeOfBT601) {
-    for (const auto& [w, h] : {std::pair{160, 90}, std::pair{162, 91}, std::pair{30, 2}}) {
+    for (const auto& [w, h] : {std::pair{160, 90}, std::pair{161, 91}, std::pair{5, 3}, std::pair{30, 2}}) {
         const auto image = testImage(w, h, static_cast<uint32_t>(w * h));
         const auto expected = reference420(image, w, h);
         CaptureConverter sync(manager_, w, h);
