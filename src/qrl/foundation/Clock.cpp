@@ -28,6 +28,34 @@ SimulatedClock::SimulatedClock(double frequency, uint64_t start) : frequency_(fr
     if (start == 0) Exception::raise("SimulatedClock", "a clock must not start at 0: 0 marks unset times");
 }
 
+void Clock::waitUntil(uint64_t ticks) {
+    for (uint64_t at = now(); at < ticks; at = now()) {
+        std::this_thread::sleep_for(std::chrono::duration<double>(static_cast<double>(ticks - at) / frequency()));
+    }
+}
+
+void SimulatedClock::advance(uint64_t ticks) {
+    now_.fetch_add(ticks, std::memory_order_seq_cst);
+    wakeWaiters();
+}
+
+void SimulatedClock::wakeWaiters() {
+    // A waiter counts itself before it reads the time, so that either it
+    // sees the new time or it is counted here.
+    if (waiters_.load(std::memory_order_seq_cst) == 0) return;
+    std::lock_guard lock(mutex_);
+    moved_.notify_all();
+}
+
+void SimulatedClock::waitUntil(uint64_t ticks) {
+    waiters_.fetch_add(1, std::memory_order_seq_cst);
+    {
+        std::unique_lock lock(mutex_);
+        moved_.wait(lock, [&] { return now_.load(std::memory_order_seq_cst) >= ticks; });
+    }
+    waiters_.fetch_sub(1, std::memory_order_seq_cst);
+}
+
 void SimulatedClock::advanceSeconds(double seconds) {
     if (seconds <= 0.0) return;
     advance(static_cast<uint64_t>(std::llround(seconds * frequency_)));
@@ -35,8 +63,9 @@ void SimulatedClock::advanceSeconds(double seconds) {
 
 void SimulatedClock::setNow(uint64_t ticks) {
     uint64_t current = now_.load(std::memory_order_acquire);
-    while (ticks > current && !now_.compare_exchange_weak(current, ticks, std::memory_order_acq_rel)) {
+    while (ticks > current && !now_.compare_exchange_weak(current, ticks, std::memory_order_seq_cst)) {
     }
+    wakeWaiters();
 }
 
 namespace {
@@ -65,11 +94,13 @@ void installClock(std::shared_ptr<Clock> clock) { clockSlot().install(std::move(
 
 void sleepForTimeInterval(double seconds) {
     if (!(seconds > 0.0)) return;
-    if (Clock& clock = installedClock(); clock.isVirtual()) {
-        clock.advance(static_cast<uint64_t>(std::llround(std::min(seconds, 1e7) * clock.frequency())));
+    seconds = std::min(seconds, 1e7);
+    // Held for the wait: a test may install another clock meanwhile.
+    if (const auto clock = installedClockShared(); clock && clock->isVirtual()) {
+        clock->waitUntil(clock->now() + static_cast<uint64_t>(std::llround(seconds * clock->frequency())));
         return;
     }
-    std::this_thread::sleep_for(std::chrono::duration<double>(std::min(seconds, 1e7)));
+    std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
 }
 
 SimulatedClock* installedSimulatedClock() {

@@ -4,8 +4,10 @@
 #pragma once
 
 #include <atomic>
+#include <condition_variable>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 
 namespace qrl {
 
@@ -17,8 +19,9 @@ public:
     // Ticks per second; constant for the life of the clock.
     virtual double frequency() const = 0;
 
-    // Whether time moves only when told to (a simulated clock). Code that
-    // would wait for a moment in time moves such a clock there instead.
+    // Whether time moves only when told to (a simulated clock). A run loop
+    // with nothing else to do moves such a clock to its next timer; a thread
+    // that sleeps waits until someone moves it.
     virtual bool isVirtual() const { return false; }
     // Moves a virtual clock forward by `ticks`; a real clock moves by itself
     // and ignores this.
@@ -26,6 +29,8 @@ public:
     // Moves a virtual clock to `ticks` unless it is already there or past
     // them (monotonic); a real clock ignores this.
     virtual void advanceTo(uint64_t ticks) { (void)ticks; }
+    // Blocks until the clock reads `ticks` or later.
+    virtual void waitUntil(uint64_t ticks);
 };
 
 // CLOCK_MONOTONIC in nanoseconds: 1,000,000,000 ticks per second.
@@ -47,15 +52,22 @@ public:
     double frequency() const override { return frequency_; }
 
     bool isVirtual() const override { return true; }
-    void advance(uint64_t ticks) override { now_.fetch_add(ticks, std::memory_order_acq_rel); }
+    void advance(uint64_t ticks) override;
     void advanceTo(uint64_t ticks) override { setNow(ticks); }
     void advanceSeconds(double seconds);
     // Moves the clock to `ticks`; refuses to go backwards (monotonic).
     void setNow(uint64_t ticks);
+    // Waits, without moving the clock, until another thread moves it there.
+    void waitUntil(uint64_t ticks) override;
 
 private:
+    void wakeWaiters();
+
     double frequency_;
     std::atomic<uint64_t> now_;
+    std::atomic<int> waiters_{0};
+    std::mutex mutex_;
+    std::condition_variable moved_;
 };
 
 // The installed clock. Starts as a MonotonicClock. Installing is meant for
@@ -65,8 +77,8 @@ std::shared_ptr<Clock> installedClockShared();
 void installClock(std::shared_ptr<Clock> clock);
 
 // Blocks the calling thread for `seconds` of the installed clock's time; on
-// a virtual clock it moves that clock forward instead, so that waits are
-// instant and exact in simulations. Nothing for 0, negative or NaN.
+// a virtual clock, until someone has moved it that far (the sleeper never
+// moves it). Nothing for 0, negative or NaN.
 void sleepForTimeInterval(double seconds);
 
 // Convenience for tests and simulations: the installed clock as a

@@ -25,6 +25,17 @@ Error::Error(std::string domain, int64_t code, std::shared_ptr<Dictionary> userI
     }
 }
 
+Error::~Error() {
+    std::shared_ptr<const Error> next = std::move(underlying_);
+    userInfo_.reset();  // its reference to the underlying error, when the dictionary was this error's alone
+    while (next && next.use_count() == 1) {
+        auto& link = const_cast<Error&>(*next);
+        std::shared_ptr<const Error> after = std::move(link.underlying_);
+        link.userInfo_.reset();
+        next = std::move(after);  // the link goes now, with nothing left to release behind it
+    }
+}
+
 std::shared_ptr<Error> Error::make(std::string domain, int64_t code, std::string localizedDescription,
                                    std::shared_ptr<const Error> underlying) {
     auto info = std::make_shared<Dictionary>();

@@ -21,6 +21,11 @@ public:
           std::shared_ptr<const Error> underlying = nullptr);
     static std::shared_ptr<Error> make(std::string domain, int64_t code, std::string localizedDescription,
                                        std::shared_ptr<const Error> underlying = nullptr);
+    // Releases a chain of underlying errors link by link: a chain of any
+    // length (a reader's trace of a deep failure) ends in bounded stack.
+    ~Error() override;
+    Error(const Error&) = delete;
+    Error& operator=(const Error&) = delete;
 
     const std::string& domain() const { return domain_; }
     int64_t code() const { return code_; }

@@ -8,6 +8,10 @@
 #include <cstdio>
 #include <memory>
 #include <mutex>
+#include <optional>
+
+#include "qrl/foundation/Value.h"
+#include "qrl/foundation/detail/SyslogClient.h"
 
 namespace qrl {
 
@@ -26,6 +30,34 @@ void writeAll(int fd, const char* data, size_t size) {
         size -= static_cast<size_t>(n);
     }
 }
+// The system log's copy. Its outages go unreported: every line it would
+// have carried is on standard error already.
+struct SystemLog {
+    std::mutex mutex;
+    std::string socketPath = "/dev/log";
+    std::optional<detail::SyslogClient> client;  // made on first use
+};
+
+SystemLog& systemLog() {
+    static auto* s = new SystemLog;  // never destroyed: static objects log while ending
+    return *s;
+}
+
+constexpr int kNoticeSeverity = 5;
+
+void sendToSystemLog(std::string_view message) {
+    SystemLog& s = systemLog();
+    std::lock_guard lock(s.mutex);
+    if (s.socketPath.empty()) return;
+    if (!s.client) {
+        detail::SyslogClient::Options options;
+        options.socketPath = s.socketPath;
+        options.report = [](std::string_view) {};
+        s.client.emplace(std::move(options));
+    }
+    s.client->send(kNoticeSeverity, Date::now(), message);
+}
+
 }  // namespace
 
 void platformLog(std::string_view message) {
@@ -58,6 +90,15 @@ void platformLog(std::string_view message) {
     line += message;
     line += '\n';
     writeAll(STDERR_FILENO, line.data(), line.size());
+    sendToSystemLog(message);
+}
+
+std::string setPlatformSystemLogSocket(std::string socketPath) {
+    SystemLog& s = systemLog();
+    std::lock_guard lock(s.mutex);
+    s.client.reset();
+    std::swap(s.socketPath, socketPath);
+    return socketPath;
 }
 
 PlatformLogWriter setPlatformLogWriter(PlatformLogWriter writer) {

@@ -260,12 +260,55 @@ void Value::copyHeld(const Value& other) {
     }
 }
 
+namespace {
+
+// Destroying a container destroys its elements, and a deeply nested value
+// would do so one stack frame per level. Past kTeardownRecursion levels on a
+// thread, containers are handed to the outermost teardown instead, which
+// destroys them one after another: any depth is freed in bounded stack.
+constexpr int kTeardownRecursion = 64;
+thread_local int tTeardownDepth = 0;
+thread_local std::vector<Value>* tTeardownLater = nullptr;
+
+}  // namespace
+
+void Value::destroyContainer() noexcept {
+    if (tTeardownDepth >= kTeardownRecursion && tTeardownLater != nullptr) {
+        try {
+            tTeardownLater->push_back(std::move(*this));  // leaves this null
+            return;
+        } catch (...) {
+            // No memory for the list: destroy it here after all.
+        }
+    }
+    ++tTeardownDepth;
+    if (tTeardownLater != nullptr) {
+        releaseContainer();
+    } else {
+        std::vector<Value> later;
+        tTeardownLater = &later;
+        releaseContainer();
+        while (!later.empty()) {
+            Value next = std::move(later.back());
+            later.pop_back();
+        }
+        tTeardownLater = nullptr;
+    }
+    --tTeardownDepth;
+}
+
+void Value::releaseContainer() noexcept {
+    if (type_ == Type::Array) u_.array.~shared_ptr();
+    else u_.dictionary.~shared_ptr();
+    type_ = Type::Null;
+}
+
 void Value::destroyHeld() noexcept {
     switch (type_) {
     case Type::String: u_.string.~basic_string(); break;
     case Type::Data: u_.data.~vector(); break;
-    case Type::Array: u_.array.~shared_ptr(); break;
-    case Type::Dictionary: u_.dictionary.~shared_ptr(); break;
+    case Type::Array:
+    case Type::Dictionary: destroyContainer(); break;
     case Type::Object: u_.object.~shared_ptr(); break;
     default: break;  // plain bytes need nothing
     }

@@ -239,6 +239,8 @@ private:
         }
     }
     void destroyHeld() noexcept;
+    void destroyContainer() noexcept;  // bounded stack at any depth
+    void releaseContainer() noexcept;
 
     union Storage {
         Storage() noexcept {}

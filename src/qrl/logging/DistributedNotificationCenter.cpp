@@ -113,47 +113,59 @@ DistributedNotificationCenter::DistributedNotificationCenter(RunLoop& deliveryLo
 
 DistributedNotificationCenter::~DistributedNotificationCenter() = default;
 
+struct DistributedNotificationCenter::Registration {
+    Token token;
+    const void* observer;
+    std::string name;  // empty: every name
+    std::optional<std::string> object;
+    Callback callback;
+    std::atomic<bool> removed{false};
+};
+
 DistributedNotificationCenter::Token DistributedNotificationCenter::addObserver(const void* observer,
                                                                                 std::string_view name,
                                                                                 std::optional<std::string> object,
                                                                                 Callback callback) {
     if (!callback) raise("addObserver() needs a callback, got an empty one");
+    auto registration = std::make_shared<Registration>();
+    registration->observer = observer;
+    registration->name = name;
+    registration->object = std::move(object);
+    registration->callback = std::move(callback);
     std::lock_guard lock(mutex_);
-    const Token token = observers_.addObserver(
-        name, nullptr, [object = std::move(object), callback = std::move(callback)](const Notification& n) {
-            const auto* notification = static_cast<const DistributedNotification*>(n.senderObject.get());
-            if (!notification || (object && *object != notification->object)) return;
-            callback(*notification);
-        });
-    registrations_.emplace(token, Registration{observer, std::string(name)});
-    return token;
+    registration->token = nextToken_++;
+    registrations_.push_back(registration);
+    return registration->token;
 }
 
+// Removal marks the registration and drops it from the list without waiting
+// for a call in flight: a delivery already past its check finishes, none
+// starts afterwards.
 bool DistributedNotificationCenter::removeObserver(Token token) {
-    {
-        std::lock_guard lock(mutex_);
-        if (registrations_.erase(token) == 0) return false;
-    }
-    // Outside the lock: the removal waits for calls in flight elsewhere, and
-    // those may register observers.
-    return observers_.removeObserver(token);
+    return removeWhere([token](const Registration& r) { return r.token == token; }) > 0;
 }
 
 std::size_t DistributedNotificationCenter::removeObserver(const void* observer, std::string_view name) {
-    std::vector<Token> tokens;
+    return removeWhere(
+        [&](const Registration& r) { return r.observer == observer && (name.empty() || r.name == name); });
+}
+
+std::size_t DistributedNotificationCenter::removeWhere(const std::function<bool(const Registration&)>& match) {
+    std::vector<std::shared_ptr<Registration>> removed;
     {
         std::lock_guard lock(mutex_);
         for (auto it = registrations_.begin(); it != registrations_.end();) {
-            if (it->second.observer == observer && (name.empty() || it->second.name == name)) {
-                tokens.push_back(it->first);
+            if (match(**it)) {
+                (*it)->removed.store(true, std::memory_order_release);
+                removed.push_back(std::move(*it));
                 it = registrations_.erase(it);
             } else {
                 ++it;
             }
         }
     }
-    for (Token token : tokens) observers_.removeObserver(token);
-    return tokens.size();
+    // The callbacks (and what they captured) go outside the lock.
+    return removed.size();
 }
 
 std::size_t DistributedNotificationCenter::observerCount() const {
@@ -206,15 +218,23 @@ bool DistributedNotificationCenter::isPortableText(std::string_view text) {
 
 void DistributedNotificationCenter::deliver(const DistributedNotification& notification) {
     delivered_.fetch_add(1, std::memory_order_relaxed);
-    Notification carrier;
-    carrier.name = notification.name;
-    carrier.senderObject = std::make_shared<DistributedNotification>(notification);
-    try {
-        observers_.post(carrier);
-    } catch (const std::exception& e) {
-        platformLogFormat("Cross-process notification %@: an observer failed: %@", notification.name, e.what());
-    } catch (...) {
-        platformLogFormat("Cross-process notification %@: an observer failed", notification.name);
+    std::vector<std::shared_ptr<Registration>> targets;
+    {
+        std::lock_guard lock(mutex_);
+        for (const auto& r : registrations_) {
+            if ((r->name.empty() || r->name == notification.name) && (!r->object || *r->object == notification.object))
+                targets.push_back(r);
+        }
+    }
+    for (const auto& r : targets) {
+        if (r->removed.load(std::memory_order_acquire)) continue;  // removed since the snapshot
+        try {
+            r->callback(notification);
+        } catch (const std::exception& e) {
+            platformLogFormat("Cross-process notification %@: an observer failed: %@", notification.name, e.what());
+        } catch (...) {
+            platformLogFormat("Cross-process notification %@: an observer failed", notification.name);
+        }
     }
 }
 

@@ -8,15 +8,14 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
-#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "qrl/foundation/InstalledPort.h"
-#include "qrl/foundation/NotificationCenter.h"
 #include "qrl/foundation/Value.h"
 
 namespace qrl {
@@ -43,7 +42,10 @@ struct DistributedNotification {
 // main run loop unless a backend was made for another), never inside
 // postNotificationName; they are called in the order they were added, with
 // no lock held, and may add and remove observers freely. Once
-// removeObserver returns, the callback is not called again on any thread.
+// removeObserver returns, no new call of the callback starts, on any thread;
+// removal never waits for a call already running on the delivery loop (that
+// call may need a lock the remover holds), so a callback must not depend on
+// state its remover frees without its own guard (a weak_ptr, say).
 // An exception from a callback is reported on the platform log and the
 // other observers are still called.
 //
@@ -130,13 +132,12 @@ protected:
 
 private:
     RunLoop& loop_;
-    NotificationCenter observers_;  // carries the registrations and their call guarantees
+    struct Registration;
+    std::size_t removeWhere(const std::function<bool(const Registration&)>& match);
+
     mutable std::mutex mutex_;
-    struct Registration {
-        const void* observer;
-        std::string name;
-    };
-    std::map<Token, Registration> registrations_;  // guarded by mutex_
+    std::vector<std::shared_ptr<Registration>> registrations_;  // in the order added; guarded by mutex_
+    Token nextToken_ = 1;                                        // guarded by mutex_
     std::atomic<std::size_t> delivered_{0};
     std::atomic<bool> reportedDrop_{false};
 };

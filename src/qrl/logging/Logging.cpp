@@ -1,9 +1,11 @@
 #include "qrl/logging/Logging.h"
 
+#include <cstdlib>
 #include <exception>
 #include <fstream>
 #include <iterator>
 #include <optional>
+#include <string_view>
 #include <utility>
 
 #include "qrl/foundation/Bundle.h"
@@ -139,6 +141,20 @@ void LoggerStart() {
     Logging::initialize();
 }
 
+namespace {
+
+// Runs when the library is loaded, before the host's main() and before any
+// code of the framework can log. Start-up reads the store and attaches the
+// outputs; it does not reach the session bus (changes are broadcast later,
+// from a run loop), so a missing bus never holds loading up.
+[[gnu::constructor]] void startLoggingAtLoad() {
+    const char* optOut = std::getenv("QRL_NO_LOGGER_START");
+    if (optOut != nullptr && *optOut != '\0' && std::string_view(optOut) != "0") return;
+    LoggerStart();
+}
+
+}  // namespace
+
 std::string LoggingChangeHandler::description() const {
     return qrl::format("<LoggingChangeHandler: %p>", static_cast<const void*>(this));
 }
@@ -242,8 +258,7 @@ std::shared_ptr<Logging> Logging::defaultLogger() {
 
 void Logging::kick() {
     const auto store = QRLDefaultsFactory::shared();
-    auto options = std::make_shared<Dictionary>();
-    if (const auto values = store->dictionaryRepresentation()) *options = *values;
+    auto options = std::make_shared<Dictionary>(store->snapshot());
     options->set(std::string(kLoggingOptionsReceiveCount), 0);
     options->set(std::string(kLoggingDistributedNotification), true);
     const auto instance = defaultLogger();
@@ -447,10 +462,9 @@ bool Logging::isDomainKey(std::string_view key) const {
 }
 
 void Logging::pushPreferencesLoggingLevelsToLogger() {
-    // A copy: the in-memory store hands out its live map, which the setters
-    // below write into.
-    const auto values = QRLDefaultsFactory::shared()->dictionaryRepresentation();
-    pushPreferencesLoggingLevelsToLoggerUsing(values ? Dictionary(*values) : Dictionary());
+    // A copy taken under the store's lock: the in-memory store's map is live,
+    // and the setters below (and other threads) write into it.
+    pushPreferencesLoggingLevelsToLoggerUsing(QRLDefaultsFactory::shared()->snapshot());
 }
 
 void Logging::pushPreferencesLoggingLevelsToLoggerUsing(const Dictionary& map) {

@@ -54,10 +54,10 @@ namespace detail {
 void resetLoggingForTesting();
 }
 
-// Starts Logging: the application calls it first thing in main(), before any
-// code of the framework logs; later calls do nothing. Nothing calls it when
-// the library is loaded, so that a program (or a test) can set up the bundle
-// facts, the store and the notification centre first.
+// Starts Logging; later calls do nothing. The library calls it when it is
+// loaded, before any code of the framework can log. A host (or a test) that
+// must set up the bundle facts, the store or the notification centre first
+// sets QRL_NO_LOGGER_START=1 in its environment and calls it itself.
 void LoggerStart();
 
 // One instance per process, made by set-up and kept for the process's life.

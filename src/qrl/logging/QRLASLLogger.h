@@ -7,8 +7,8 @@
 #include <memory>
 #include <string>
 
+#include "qrl/foundation/detail/SyslogClient.h"
 #include "qrl/logging/QRLAbstractLogger.h"
-#include "qrl/logging/detail/SyslogClient.h"
 
 namespace qrl {
 

@@ -22,6 +22,10 @@ public:
 
     virtual void registerDefaults(const Dictionary& defaults) = 0;
     virtual std::shared_ptr<Dictionary> dictionaryRepresentation() const = 0;
+    // A copy of every value, taken so that no concurrent write can tear it
+    // (the in-memory store's representation is its live map). Empty where
+    // the store has no map.
+    virtual Dictionary snapshot() const;
     virtual int32_t integerForKey(std::string_view key) const = 0;
     virtual bool boolForKey(std::string_view key) const = 0;
     // A null Value when the key has none.

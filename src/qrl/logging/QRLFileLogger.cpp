@@ -73,6 +73,11 @@ void QRLFileLogger::logMessage(const QRLLogMessage& logMessage) {
 
     const int fd = currentLogFileHandle();
     if (fd < 0) return;
+    // A line is whole in the file or absent: a fragment left by a failed
+    // write is cut off again, or, where that fails too, ended before the
+    // next line.
+    if (fragmentLeft_) line_.insert(line_.begin(), '\n');
+    const uint64_t start = currentOffset_;
     const char* next = line_.data();
     size_t left = line_.size();
     while (left > 0) {
@@ -90,8 +95,16 @@ void QRLFileLogger::logMessage(const QRLLogMessage& logMessage) {
             platformLogFormat("QRLFileLogger: Error writing to log file: %@",
                               detail::posixError(error, currentLogFileInfo_ ? currentLogFileInfo_->filePath() : ""));
         }
+        if (next != line_.data()) {
+            if (::ftruncate(fd, static_cast<off_t>(start)) == 0) {
+                currentOffset_ = start;
+            } else {
+                fragmentLeft_ = true;
+            }
+        }
         break;
     }
+    if (left == 0) fragmentLeft_ = false;
     if (left == 0) writeFailureReported_ = false;
     maybeRollLogFileDueToSize();
 }
@@ -156,6 +169,7 @@ void QRLFileLogger::closeHandle() {
     // Writes are unbuffered: closing is all the flushing there is.
     currentLogFileHandle_.reset();
     currentOffset_ = 0;
+    fragmentLeft_ = false;
 }
 
 // ---------------------------------------------------------------- rolling

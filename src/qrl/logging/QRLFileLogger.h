@@ -120,6 +120,7 @@ private:
     double rollingFrequency_ = kDefaultRollingFrequency;
     std::string line_;  // reused
     bool writeFailureReported_ = false;
+    bool fragmentLeft_ = false;  // the file ends inside a line that failed
     bool openFailureReported_ = false;
 };
 

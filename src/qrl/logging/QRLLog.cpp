@@ -57,8 +57,9 @@ namespace {
 using Access = detail::LogMessageAccess;
 
 constexpr long kMaxPendingMessages = 1000;
-// A caller held at the bound goes on once this much room has come back.
-constexpr long kRoomWakeBatch = 100;
+// A caller held at the bound goes on as soon as one message has been
+// delivered: one in, one out.
+constexpr long kRoomWakeBatch = 1;
 
 // Depth of engine work on this thread (delivering a message, flushing,
 // changing the logger list). Statements made there must not wait for room,

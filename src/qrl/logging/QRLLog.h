@@ -42,8 +42,8 @@ concept QRLLogLevelClass = requires(int32_t level) {
 //
 // Back-pressure. A counting semaphore of 1000 is taken for each message
 // before it is queued and given back once every logger has had it; the
-// 1001st caller waits there, until a tenth of the room has come back. A statement made while delivering (from a
-// logger, or from a task on the logging queue) does not wait, so that it
+// 1001st caller waits there until one message has been delivered. A
+// statement made while delivering (from a logger, or from a task on the logging queue) does not wait, so that it
 // cannot wait for itself, and a synchronous one is queued asynchronously.
 // What the engine cannot see is a task of a logger's queue that the engine
 // did not submit: a synchronous statement from there waits for itself.

@@ -26,6 +26,11 @@ std::shared_ptr<Dictionary> QRLNonPersistentDefaults::dictionaryRepresentation()
     return dict_;
 }
 
+Dictionary QRLNonPersistentDefaults::snapshot() const {
+    std::lock_guard lock(mutex_);
+    return dict_ ? Dictionary(*dict_) : Dictionary();
+}
+
 Value QRLNonPersistentDefaults::valueForKey(std::string_view key, bool (Value::*isOfType)() const) const {
     std::lock_guard lock(mutex_);
     if (!dict_) return Value();

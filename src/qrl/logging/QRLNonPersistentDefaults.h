@@ -36,7 +36,8 @@ namespace qrl {
 //
 // The store's own operations take a recursive lock, so it may be used from
 // any thread. The map handed out by dict() and dictionaryRepresentation() is
-// live and unguarded: read it on another thread only while nobody writes.
+// live and unguarded: read it on another thread only while nobody writes, or
+// take snapshot().
 class QRLNonPersistentDefaults : public QRLDefaults,
                                  public KeyObservable,
                                  public std::enable_shared_from_this<QRLNonPersistentDefaults> {
@@ -45,6 +46,7 @@ public:
 
     void registerDefaults(const Dictionary& defaults) override;
     std::shared_ptr<Dictionary> dictionaryRepresentation() const override;
+    Dictionary snapshot() const override;  // copied under the store's lock
     int32_t integerForKey(std::string_view key) const override;
     bool boolForKey(std::string_view key) const override;
     Value objectForKey(std::string_view key) const override;

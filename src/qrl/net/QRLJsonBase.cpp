@@ -46,6 +46,7 @@ bool QRLJsonBase::nestedTooDeep() {
 void QRLJsonBase::resetNesting() {
     depth_ = 0;
     nesting_ = 0;
+    proxies_ = 0;
 }
 
 void QRLJsonBase::storeLastError(std::shared_ptr<Error>* error) const {

@@ -39,12 +39,11 @@ public:
     static constexpr std::string_view kErrorTraceKey = "errorTrace";
 
     static constexpr uint64_t kDefaultMaxDepth = 512;
-    // Nesting never goes deeper than this, even when maxDepth is 0 (no limit)
-    // or larger: writing and destroying nested values recurse, and deeper
-    // documents could exhaust a thread's stack (about 1.6 KiB a level in an
-    // unoptimised build with address sanitizer, a quarter of that
-    // optimised). Reading keeps its own stack.
-    static constexpr uint64_t kSupportedDepth = 2048;
+    // With maxDepth 0, objects standing in for objects (the writer's
+    // proxies) may still nest this deep: a proxy that leads back to itself
+    // must end. Containers have no limit then; reading, writing and freeing
+    // keep their own stacks, so no depth exhausts the thread's.
+    static constexpr uint64_t kMaxProxyNesting = 4096;
 
     QRLJsonBase();
     ~QRLJsonBase() override;
@@ -74,21 +73,26 @@ protected:
     // Adds code 7, "Nested too deep", and answers false when either is passed.
     bool enterContainer() {
         if (maxDepth_ != 0 && ++depth_ > maxDepth_) return nestedTooDeep();
-        return enterProxy();
+        ++nesting_;
+        return maxDepth_ == 0 || nesting_ <= maxDepth_ || nestedTooDeep();
     }
     // Substituting one value for another (the writer's proxies): a level of
     // nesting too, though not of depth, which only containers raise.
-    bool enterProxy() { return ++nesting_ <= nestingLimit() || nestedTooDeep(); }
-    // maxDepth, or kSupportedDepth when maxDepth is 0 or larger.
-    uint64_t nestingLimit() const {
-        return (maxDepth_ == 0 || maxDepth_ > kSupportedDepth) ? kSupportedDepth : maxDepth_;
+    bool enterProxy() {
+        ++nesting_;
+        ++proxies_;
+        if (maxDepth_ != 0) return nesting_ <= maxDepth_ || nestedTooDeep();
+        return proxies_ <= kMaxProxyNesting || nestedTooDeep();
     }
+    // How many substitutions in a row may stand at the top level.
+    uint64_t proxyLimit() const { return maxDepth_ != 0 ? maxDepth_ : kMaxProxyNesting; }
     void leaveContainer() {
         if (depth_ > 0) --depth_;
-        leaveProxy();
+        if (nesting_ > 0) --nesting_;
     }
     void leaveProxy() {
         if (nesting_ > 0) --nesting_;
+        if (proxies_ > 0) --proxies_;
     }
     void resetNesting();
     // The last error of the trace into *error, when error is given and the
@@ -104,6 +108,7 @@ private:
     std::vector<std::shared_ptr<Error>> errorTrace_;
     uint64_t maxDepth_ = kDefaultMaxDepth;
     uint64_t nesting_ = 0;  // containers and proxies, whatever maxDepth says
+    uint64_t proxies_ = 0;  // proxies among them
 };
 
 }  // namespace qrl

@@ -55,40 +55,48 @@ void appendNumber(jsontext::Output& out, T number) {
 }  // namespace
 
 std::optional<std::string> QRLJsonWriter::stringWithObject(const Value& value) {
-    return stringWithObjectHops(value, 0);
+    clearErrorTrace();
+    // An object's proxy is written in its place, itself perhaps through a
+    // proxy; each substitution that ends in failure adds its own code 4, and
+    // a chain longer than the limit (an object standing in for itself) ends
+    // with code 7.
+    const Value* at = &value;
+    std::optional<Value> proxy;
+    uint64_t hops = 0;
+    for (;; ++hops) {
+        if (at->isArray() || at->isDictionary()) {
+            resetNesting();
+            sorted_.clear();
+            proxies_.clear();
+            open_.clear();
+            std::optional<std::string> text;
+            {
+                jsontext::Output out(buffer_, 128);
+                if (appendValue(*at, out)) text = out.text();
+            }
+            proxies_.clear();
+            // A buffer grown for a very large document is not kept.
+            if (buffer_.size() > kKeptBufferSize) std::string().swap(buffer_);
+            if (text) return text;
+            break;
+        }
+        auto next = proxyOf(*at);
+        if (!next) break;
+        if (hops >= proxyLimit()) {
+            addErrorWithCode(kQRLJsonErrorNesting, "Nested too deep");
+            break;
+        }
+        proxy = std::move(next);
+        at = &*proxy;
+    }
+    for (uint64_t i = 0; i <= hops; ++i) addErrorWithCode(kQRLJsonErrorNotContainer, "Not valid type for JSON");
+    return std::nullopt;
 }
 
 std::optional<std::string> QRLJsonWriter::stringWithObject(const Value& value, std::shared_ptr<Error>* error) {
     auto result = stringWithObject(value);
     if (!result) storeLastError(error);
     return result;
-}
-
-// An object's proxy is written in its place, itself perhaps through a proxy;
-// hops counts those substitutions so that an object standing in for itself
-// ends with code 7 rather than recursing forever.
-std::optional<std::string> QRLJsonWriter::stringWithObjectHops(const Value& value, uint64_t hops) {
-    clearErrorTrace();
-    if (value.isArray() || value.isDictionary()) {
-        resetNesting();
-        sorted_.clear();
-        std::optional<std::string> text;
-        {
-            jsontext::Output out(buffer_, 128);
-            if (appendValue(value, out)) text = out.text();
-        }
-        // A buffer grown for a very large document is not kept.
-        if (buffer_.size() > kKeptBufferSize) std::string().swap(buffer_);
-        if (text) return text;
-    } else if (auto proxy = proxyOf(value)) {
-        if (hops >= nestingLimit()) {
-            addErrorWithCode(kQRLJsonErrorNesting, "Nested too deep");
-        } else if (auto text = stringWithObjectHops(*proxy, hops + 1)) {
-            return text;
-        }
-    }
-    addErrorWithCode(kQRLJsonErrorNotContainer, "Not valid type for JSON");
-    return std::nullopt;
 }
 
 void QRLJsonWriter::indent(jsontext::Output& out) const {
@@ -99,125 +107,192 @@ void QRLJsonWriter::indent(jsontext::Output& out) const {
     out.advance(spaces + 1);
 }
 
-// The common kinds are written here; everything that can fail or call out
-// lives in appendOther, so that this frame, one per nesting level, stays
-// small.
 bool QRLJsonWriter::appendValue(const Value& value, jsontext::Output& out) {
-    switch (value.type()) {
-        case Value::Type::Dictionary:
-            return appendDictionary(*value.asDictionary(), out);
-        case Value::Type::Array:
-            return appendArray(*value.asArray(), out);
-        case Value::Type::String:
-            return appendString(*value.asString(), out) || appendOther(value, out);
-        case Value::Type::Boolean:
-            out.write(*value.asBoolean() ? std::string_view("true") : std::string_view("false"));
-            return true;
-        case Value::Type::Integer:
-            appendNumber(out, *value.asInteger());
-            return true;
-        case Value::Type::Real: {
-            const double number = *value.asReal();
-            if (!std::isfinite(number)) return appendOther(value, out);
-            appendNumber(out, number);
-            return true;
+    frames_.clear();
+    const Value* next = &value;
+    for (;;) {
+        const Step step = openValue(*next, out);
+        if (step == Step::Substituted) {
+            next = &proxies_.back();
+            continue;
         }
-        case Value::Type::Decimal:
-            jsontext::appendDecimal(out, *value.asDecimal());
-            return true;
-        case Value::Type::Null:
-            out.write("null");
-            return true;
-        default:
-            return appendOther(value, out);
+        if (step == Step::Failed && !unwindFailure()) return false;
+        bool failed = false;
+        next = nextValue(out, failed);
+        while (failed) {
+            if (!unwindFailure()) return false;
+            failed = false;
+            next = nextValue(out, failed);
+        }
+        if (next == nullptr) return true;
     }
 }
 
-bool QRLJsonWriter::appendOther(const Value& value, jsontext::Output& out) {
+// The common kinds are written here; everything that can fail or call out
+// lives in openOther.
+QRLJsonWriter::Step QRLJsonWriter::openValue(const Value& value, jsontext::Output& out) {
+    switch (value.type()) {
+        case Value::Type::Dictionary:
+            return openDictionary(*value.asDictionary(), out);
+        case Value::Type::Array:
+            return openArray(*value.asArray(), out);
+        case Value::Type::String:
+            return appendString(*value.asString(), out) ? Step::Written : openOther(value);
+        case Value::Type::Boolean:
+            out.write(*value.asBoolean() ? std::string_view("true") : std::string_view("false"));
+            return Step::Written;
+        case Value::Type::Integer:
+            appendNumber(out, *value.asInteger());
+            return Step::Written;
+        case Value::Type::Real: {
+            const double number = *value.asReal();
+            if (!std::isfinite(number)) return openOther(value);
+            appendNumber(out, number);
+            return Step::Written;
+        }
+        case Value::Type::Decimal:
+            jsontext::appendDecimal(out, *value.asDecimal());
+            return Step::Written;
+        case Value::Type::Null:
+            out.write("null");
+            return Step::Written;
+        default:
+            return openOther(value);
+    }
+}
+
+QRLJsonWriter::Step QRLJsonWriter::openOther(const Value& value) {
     switch (value.type()) {
         case Value::Type::String:  // appendString refused it
             addErrorWithCode(kQRLJsonErrorUnsupportedValue,
                              "JSON serialisation not supported for a string that is not valid UTF-8");
-            return false;
+            return Step::Failed;
         case Value::Type::Real: {
             const double number = *value.asReal();
             if (std::isnan(number)) {
                 addErrorWithCode(kQRLJsonErrorUnsupportedValue, "NaN is not a valid number in JSON");
-                return false;
+                return Step::Failed;
             }
             addErrorWithCode(kQRLJsonErrorUnsupportedValue, "Infinity is not a valid number in JSON");
-            return false;
+            return Step::Failed;
         }
         case Value::Type::Object:
             if (auto proxy = proxyOf(value)) {
                 // The proxy is written in the object's place. Whatever comes
                 // of it, the object counts as written.
-                if (enterProxy()) {
-                    appendValue(*proxy, out);
-                    leaveProxy();
-                }
-                return true;
+                if (!enterProxy()) return Step::Written;
+                proxies_.push_back(std::move(*proxy));
+                frames_.push_back(Frame{Frame::Kind::Proxy, 0, 0, 0, nullptr});
+                return Step::Substituted;
             }
             break;
         default:
             break;
     }
     addErrorWithCode(kQRLJsonErrorUnsupportedValue, "JSON serialisation not supported for " + className(value));
-    return false;
+    return Step::Failed;
 }
 
-bool QRLJsonWriter::appendArray(const Array& array, jsontext::Output& out) {
+bool QRLJsonWriter::opens(const void* container) {
     if (!enterContainer()) return false;
+    if (maxDepth() == 0 && !open_.insert(container).second) {
+        addErrorWithCode(kQRLJsonErrorNesting, "Nested too deep");
+        return false;
+    }
+    return true;
+}
+
+QRLJsonWriter::Step QRLJsonWriter::openArray(const Array& array, jsontext::Output& out) {
+    if (!opens(&array)) return Step::Failed;
     out.put('[');
-    for (size_t i = 0; i < array.size(); ++i) {
-        if (i > 0) out.put(',');
-        if (humanReadable_) indent(out);
-        if (!appendValue(array[i], out)) return false;
-    }
-    leaveContainer();
-    if (humanReadable_ && !array.empty()) indent(out);
-    out.put(']');
-    return true;
+    frames_.push_back(Frame{Frame::Kind::Array, 0, 0, array.size(), &array});
+    return Step::Opened;
 }
 
-bool QRLJsonWriter::appendDictionary(const Dictionary& dictionary, jsontext::Output& out) {
-    if (!enterContainer()) return false;
+QRLJsonWriter::Step QRLJsonWriter::openDictionary(const Dictionary& dictionary, jsontext::Output& out) {
+    if (!opens(&dictionary)) return Step::Failed;
     out.put('{');
-    const auto& entries = dictionary.entries();
-    if (sortKeys_) {
-        if (!appendSortedEntries(dictionary, out)) return false;
-    } else {
-        for (size_t i = 0; i < entries.size(); ++i) {
-            if (!appendEntry(entries[i], i == 0, out)) return false;
-        }
-    }
-    leaveContainer();
-    if (humanReadable_ && !entries.empty()) indent(out);
-    out.put('}');
-    return true;
-}
-
-bool QRLJsonWriter::appendSortedEntries(const Dictionary& dictionary, jsontext::Output& out) {
     const size_t mark = sorted_.size();
-    for (const auto& entry : dictionary.entries()) sorted_.push_back(&entry);
-    std::sort(sorted_.begin() + static_cast<std::ptrdiff_t>(mark), sorted_.end(),
-              [](const auto* a, const auto* b) { return jsontext::compareUTF16(a->first, b->first) < 0; });
-    bool written = true;
-    for (size_t i = mark; i < sorted_.size() && written; ++i) written = appendEntry(*sorted_[i], i == mark, out);
-    sorted_.resize(mark);
-    return written;
+    if (sortKeys_) {
+        for (const auto& entry : dictionary.entries()) sorted_.push_back(&entry);
+        std::sort(sorted_.begin() + static_cast<std::ptrdiff_t>(mark), sorted_.end(),
+                  [](const auto* a, const auto* b) { return jsontext::compareUTF16(a->first, b->first) < 0; });
+    }
+    frames_.push_back(Frame{Frame::Kind::Dictionary, mark, 0, dictionary.size(), &dictionary});
+    return Step::Opened;
 }
 
-bool QRLJsonWriter::appendEntry(const std::pair<std::string, Value>& entry, bool first, jsontext::Output& out) {
-    if (!first) out.put(',');
-    if (humanReadable_) indent(out);
-    if (!appendString(entry.first, out)) return entryFailed(nullptr);
-    if (humanReadable_) {
-        out.write(" : ");
-    } else {
-        out.put(':');
+const std::string& QRLJsonWriter::keyAt(const Frame& frame, size_t i) const {
+    if (sortKeys_) return sorted_[frame.sortedMark + i]->first;
+    return static_cast<const Dictionary*>(frame.container)->entries()[i].first;
+}
+
+const Value& QRLJsonWriter::entryValueAt(const Frame& frame, size_t i) const {
+    if (sortKeys_) return sorted_[frame.sortedMark + i]->second;
+    return static_cast<const Dictionary*>(frame.container)->entries()[i].second;
+}
+
+const Value* QRLJsonWriter::nextValue(jsontext::Output& out, bool& failed) {
+    while (!frames_.empty()) {
+        Frame& frame = frames_.back();
+        if (frame.kind == Frame::Kind::Proxy) {
+            // What the proxy stood in with is written: so is the object.
+            leaveProxy();
+            proxies_.pop_back();
+            frames_.pop_back();
+            continue;
+        }
+        if (frame.next < frame.count) {
+            const size_t i = frame.next++;
+            if (i > 0) out.put(',');
+            if (humanReadable_) indent(out);
+            if (frame.kind == Frame::Kind::Array) return &(*static_cast<const Array*>(frame.container))[i];
+            if (!appendString(keyAt(frame, i), out)) {
+                entryFailed(nullptr);
+                // The dictionary itself failed; its entry adds nothing more.
+                if (sortKeys_) sorted_.resize(frame.sortedMark);
+                if (!open_.empty()) open_.erase(frame.container);
+                frames_.pop_back();
+                failed = true;
+                return nullptr;
+            }
+            if (humanReadable_) {
+                out.write(" : ");
+            } else {
+                out.put(':');
+            }
+            return &entryValueAt(frame, i);
+        }
+        leaveContainer();
+        if (!open_.empty()) open_.erase(frame.container);
+        const bool dictionary = frame.kind == Frame::Kind::Dictionary;
+        if (humanReadable_ && frame.count > 0) indent(out);
+        out.put(dictionary ? '}' : ']');
+        if (dictionary && sortKeys_) sorted_.resize(frame.sortedMark);
+        frames_.pop_back();
     }
-    return appendValue(entry.second, out) || entryFailed(&entry.first);
+    return nullptr;
+}
+
+// Like the failure of a nested call: the containers it crosses stay counted
+// in depth, as a failure ends their writing before they close.
+bool QRLJsonWriter::unwindFailure() {
+    while (!frames_.empty()) {
+        Frame& frame = frames_.back();
+        if (frame.kind == Frame::Kind::Proxy) {
+            leaveProxy();
+            proxies_.pop_back();
+            frames_.pop_back();
+            return true;
+        }
+        if (frame.kind == Frame::Kind::Dictionary) {
+            entryFailed(&keyAt(frame, frame.next - 1));
+            if (sortKeys_) sorted_.resize(frame.sortedMark);
+        }
+        if (!open_.empty()) open_.erase(frame.container);
+        frames_.pop_back();
+    }
+    return false;
 }
 
 // A key that is no string (nullptr), or the value of the given key.

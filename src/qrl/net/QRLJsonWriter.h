@@ -7,6 +7,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <unordered_set>
 #include <utility>
 #include <vector>
 
@@ -44,20 +45,47 @@ public:
     void setHumanReadable(bool humanReadable) { humanReadable_ = humanReadable; }
 
 private:
-    std::optional<std::string> stringWithObjectHops(const Value& value, uint64_t hops);
     void indent(jsontext::Output& out) const;
+    // Writes a whole array or dictionary, one container frame at a time on
+    // frames_ rather than the thread's stack.
     bool appendValue(const Value& value, jsontext::Output& out);
-    [[gnu::noinline, gnu::cold]] bool appendOther(const Value& value, jsontext::Output& out);
+    enum class Step : uint8_t { Written, Opened, Substituted, Failed };
+    // Writes a scalar, or opens a container (pushing its frame), or pushes
+    // the value a proxy stands in with (Substituted: it is written next).
+    Step openValue(const Value& value, jsontext::Output& out);
+    [[gnu::noinline, gnu::cold]] Step openOther(const Value& value);
+    Step openArray(const Array& array, jsontext::Output& out);
+    Step openDictionary(const Dictionary& dictionary, jsontext::Output& out);
+    // The next value to write inside the innermost frame, closing the frames
+    // that are done; null when the whole value is written (or the entry's
+    // key failed: *failed is set then).
+    const Value* nextValue(jsontext::Output& out, bool& failed);
+    // A failure inside the innermost frame: each enclosing entry adds its
+    // error, as far as the nearest proxy, which counts as written. False when
+    // no proxy stops it.
+    bool unwindFailure();
     [[gnu::noinline, gnu::cold]] bool entryFailed(const std::string* key);
-    bool appendArray(const Array& array, jsontext::Output& out);
-    bool appendDictionary(const Dictionary& dictionary, jsontext::Output& out);
-    [[gnu::noinline]] bool appendSortedEntries(const Dictionary& dictionary, jsontext::Output& out);
-    bool appendEntry(const std::pair<std::string, Value>& entry, bool first, jsontext::Output& out);
     bool appendString(std::string_view text, jsontext::Output& out);
 
+    struct Frame {
+        enum class Kind : uint8_t { Array, Dictionary, Proxy };
+        Kind kind;
+        size_t sortedMark;    // sorted dictionaries: where their entries start in sorted_
+        size_t next;          // elements or entries written or started
+        size_t count;
+        const void* container;
+    };
+    const std::string& keyAt(const Frame& frame, size_t i) const;
+    const Value& entryValueAt(const Frame& frame, size_t i) const;
+    std::vector<Frame> frames_;
+    std::vector<Value> proxies_;  // the values that proxies stand in with, innermost last
+    // With no depth limit, the containers being written: one met again is a
+    // cycle, and fails as too deep rather than growing for ever.
+    std::unordered_set<const void*> open_;
+    bool opens(const void* container);
     bool sortKeys_ = false;
     bool humanReadable_ = false;
-    // Entries of the dictionaries being written in key order, innermost last.
+    // Entries of the sorted dictionaries being written, innermost last.
     std::vector<const std::pair<std::string, Value>*> sorted_;
     // Where the text is built before it is copied out at its final size.
     std::string buffer_;

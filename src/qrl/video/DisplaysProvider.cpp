@@ -211,28 +211,21 @@ void DisplaysProvider::refreshCachedDisplays() {
         allScreensFrameCache_ = NSZeroRect;
     }
     // Posted outside the lock; the guard is cleared after the post, so that a
-    // refresh asked for by an observer is ignored. An observer's exception
-    // still clears it before going on to the caller.
-    struct ClearGuard {
-        std::atomic<bool>& flag;
-        ~ClearGuard() { flag.store(false, std::memory_order_relaxed); }
-    } clear{refreshInProgress_};
+    // refresh asked for by an observer is ignored. An exception, an
+    // observer's included, leaves the guard set: later refreshes are ignored.
     if (auto self = weak_from_this().lock()) {
         center_.post(kDPNDisplayListChanged, std::shared_ptr<void>(self));
     } else {
         center_.post(kDPNDisplayListChanged, static_cast<const void*>(this));
     }
+    refreshInProgress_.store(false, std::memory_order_relaxed);
 }
 
 void DisplaysProvider::resetDisplays(const Notification*) {
     QRLLogVerbose("Received notification to refresh - refreshing cached displays");
     willChangeValueForKey("monitoredDisplays");
-    try {
-        refreshCachedDisplays();
-    } catch (...) {
-        didChangeValueForKey("monitoredDisplays");
-        throw;
-    }
+    // An exception goes on to the caller with no did-change event.
+    refreshCachedDisplays();
     didChangeValueForKey("monitoredDisplays");
 }
 

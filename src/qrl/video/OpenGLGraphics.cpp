@@ -69,11 +69,8 @@ std::string OpenGLGraphics::cardDescription(CGDirectDisplayID display) {
     std::optional<std::string> renderer = context->getString(GL_RENDERER);
     context->unlock();
     context.reset();
-    if (!renderer) {
-        Exception::raise("OpenGLError",
-                         qrl::format("The test context for display %ld names no renderer", static_cast<long>(display)));
-    }
-    return *renderer;
+    // A context that names no renderer answers empty text, not a failure.
+    return renderer.value_or(std::string());
 }
 
 std::string OpenGLGraphics::cardDescription() {

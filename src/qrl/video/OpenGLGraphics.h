@@ -35,8 +35,8 @@ public:
     static std::unique_ptr<GLContext> setupOpenGLContext(CGDirectDisplayID display);
 
     // GL_RENDERER of a test context on the display; "None" when the context
-    // could not be made. Raises as setupOpenGLContext does, and
-    // "OpenGLError" when the context answers no renderer string at all.
+    // could not be made; empty when the context names no renderer. Raises as
+    // setupOpenGLContext does.
     static std::string cardDescription(CGDirectDisplayID display);
     // The card of the main display, asked once and then read from the cache
     // under kGCardDescription until reset().

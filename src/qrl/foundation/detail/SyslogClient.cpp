@@ -1,4 +1,4 @@
-#include "qrl/logging/detail/SyslogClient.h"
+#include "qrl/foundation/detail/SyslogClient.h"
 
 #include <poll.h>
 #include <sys/socket.h>
@@ -92,11 +92,19 @@ bool SyslogClient::connect() {
     return true;
 }
 
+void SyslogClient::report(const std::string& text) {
+    const std::string line = options_.label + ": " + text;
+    if (options_.report)
+        options_.report(line);
+    else
+        platformLog(line);
+}
+
 void SyslogClient::reportOutage(const std::string& what) {
     if (outageReported_) return;
     outageReported_ = true;
-    platformLog("QRLASLLogger: the system log at " + options_.socketPath + " cannot be reached (" + what +
-                "); its messages are dropped until it can be");
+    report("the system log at " + options_.socketPath + " cannot be reached (" + what +
+           "); its messages are dropped until it can be");
 }
 
 SyslogClient::Outcome SyslogClient::sendDatagram(std::string_view datagram,
@@ -109,11 +117,12 @@ SyslogClient::Outcome SyslogClient::sendDatagram(std::string_view datagram,
         if (error == EAGAIN || error == ENOBUFS) {
             const auto left =
                 std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-            if (left.count() > 0) {
+            if (!stalled_ && left.count() > 0) {
                 pollfd p{socket_.get(), POLLOUT, 0};
                 if (::poll(&p, 1, static_cast<int>(left.count())) >= 0) continue;
             }
-            reportOutage("it accepts no more messages");
+            stalled_ = true;
+            reportOutage("it reads no more messages");
             return Outcome::Dropped;
         }
         if (isDisconnection(error)) return Outcome::Reconnect;
@@ -125,9 +134,13 @@ SyslogClient::Outcome SyslogClient::sendDatagram(std::string_view datagram,
 void SyslogClient::send(int severity, Date timestamp, std::string_view text) {
     const auto now = std::chrono::steady_clock::now();
     if (!socket_) {
-        if (now < nextConnectAttempt_) return;
+        if (now < nextConnectAttempt_) {
+            ++dropped_;
+            return;
+        }
         if (!connect()) {
             nextConnectAttempt_ = now + options_.reconnectInterval;
+            ++dropped_;
             return;
         }
     }
@@ -157,10 +170,20 @@ void SyslogClient::send(int severity, Date timestamp, std::string_view text) {
             socket_.reset();
             nextConnectAttempt_ = now + options_.reconnectInterval;
             reportOutage("it refuses connections");
+            ++dropped_;
             return;
         }
-        if (outcome == Outcome::Dropped) return;
-        outageReported_ = false;
+        if (outcome == Outcome::Dropped) {
+            ++dropped_;
+            return;
+        }
+        if (outageReported_ || dropped_ > 0) {
+            if (dropped_ > 0) report("the system log takes messages again; " + std::to_string(dropped_) +
+                                     (dropped_ == 1 ? " message was" : " messages were") + " dropped meanwhile");
+            outageReported_ = false;
+            stalled_ = false;
+            dropped_ = 0;
+        }
         text.remove_prefix(take);
     } while (!text.empty());
 }
