@@ -4,6 +4,7 @@
 #include <poll.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <cmath>
 #include <latch>
@@ -102,6 +103,23 @@ TEST_F(SimulatedRunLoopTest, CancelAndRescheduleCoalescesABurstIntoOneCall) {
     ASSERT_EQ(runs.size(), 2u);
     EXPECT_EQ(runs[0], -1);
     EXPECT_DOUBLE_EQ(runs[1], 0.19 + 0.25);
+}
+
+TEST_F(SimulatedRunLoopTest, ASleeperWaitsForTheSimulatedClockAndNeverMovesIt) {
+    std::atomic<bool> woke{false};
+    std::thread sleeper([&] {
+        sleepForTimeInterval(3.0);
+        woke = true;
+    });
+    const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (!sim.clock().nextWakeUp() && std::chrono::steady_clock::now() < until) std::this_thread::yield();
+    EXPECT_EQ(sim.clock().nextWakeUp(), start + ticks(3.0));
+    sim.clock().advanceSeconds(2.5);
+    EXPECT_FALSE(woke.load());
+    sim.clock().advanceSeconds(0.5);
+    sleeper.join();
+    EXPECT_TRUE(woke.load());
+    EXPECT_EQ(elapsed(), 3.0);  // what this thread moved it by, and nothing more
 }
 
 TEST(RunLoopTest, FdSourcesReportReadinessAndInvalidDescriptorsAreDropped) {

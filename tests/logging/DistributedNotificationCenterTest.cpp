@@ -3,7 +3,12 @@
 // of backend where no session bus can be reached.
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <chrono>
+#include <latch>
+#include <mutex>
 #include <optional>
+#include <thread>
 
 #include "logging/LoggingTestSupport.h"
 #include "qrl/foundation/Exception.h"
@@ -170,6 +175,37 @@ TEST_F(DistributedNotificationCenterTest, ObserversMayRemoveEachOtherAndAFailing
     EXPECT_EQ(log_.countContaining("an observer failed: observer failed"), 2u);
 }
 
+
+// A remover that holds a lock the running callback needs (as a defaults
+// switch holds the factory lock while the callback asks for the store) must
+// not wait for that callback; the removal stops every later call.
+TEST_F(DistributedNotificationCenterTest, RemovalNeverWaitsForARunningCallback) {
+    auto center = Sim::create(RunLoop::main());
+    std::timed_mutex factoryLock;
+    std::latch lockHeld(1), callbackRunning(1);
+    std::atomic<int> calls{0};
+    bool callbackGotTheLock = false;
+    const auto token = center->addObserver(nullptr, "n", std::nullopt, [&](const DistributedNotification&) {
+        ++calls;
+        callbackRunning.count_down();
+        callbackGotTheLock = factoryLock.try_lock_for(std::chrono::seconds(10));
+        if (callbackGotTheLock) factoryLock.unlock();
+    });
+    std::thread remover([&] {
+        std::lock_guard lock(factoryLock);
+        lockHeld.count_down();
+        callbackRunning.wait();
+        center->removeObserver(token);
+    });
+    lockHeld.wait();
+    center->postNotificationName("n", "o");
+    deliverPending();
+    remover.join();
+    EXPECT_TRUE(callbackGotTheLock);
+    center->postNotificationName("n", "o");
+    deliverPending();
+    EXPECT_EQ(calls.load(), 1);
+}
 // The process's choice, under environment variables set for one test.
 class DistributedNotificationChoiceTest : public DistributedNotificationCenterTest {
 protected:

@@ -3,12 +3,18 @@
 // switch.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <thread>
+
 #include "logging/CapturingLogger.h"
 #include "logging/LoggingTestSupport.h"
 #include "qrl/logging/LogLevels.h"
 #include "qrl/logging/Logging.h"
 #include "qrl/logging/QRLNSUserDefaults.h"
 #include "qrl/logging/QRLNonPersistentDefaults.h"
+#include "support/PrivateServer.h"
 
 namespace qrl {
 namespace {
@@ -107,6 +113,37 @@ TEST_F(LoggingStartTest, AFailureDuringStartUpIsLoggedAndLoadingGoesOn) {
     defaults->removeObserver(token);
     LoggerStart();  // started already, failure or not
     EXPECT_EQ(log_.countContaining("Error setting up"), 1u);
+}
+
+// The library starts logging as it is loaded, before main(), unless the host
+// opts out; a session bus that cannot be reached does not hold loading up.
+// The test runs this program again to see what loading did.
+TEST(LoggingAtLoad, TheLibraryStartsLoggingBeforeMainUnlessTheHostOptsOut) {
+    if (std::getenv("QRL_TEST_LOAD_CHILD")) {
+        std::printf("at load: %s, level %d\n", Logging::defaultLogger() ? "started" : "not started",
+                    static_cast<int>(sharedLogLevel.load()));
+        std::fflush(stdout);
+        return;
+    }
+    test::TemporaryFolder home("qrl-load");
+    for (const bool optOut : {false, true}) {
+        test::Process::Options options;
+        options.environment = {"QRL_TEST_LOAD_CHILD=1", "XDG_CONFIG_HOME=" + home.path(),
+                               "DBUS_SESSION_BUS_ADDRESS=unix:path=/nonexistent/qrl-bus",
+                               optOut ? "QRL_NO_LOGGER_START=1" : "QRL_NO_LOGGER_START"};
+        options.pipeOutput = true;
+        options.errorsToOutput = true;
+        test::Process child({"/proc/self/exe", "--gtest_filter=LoggingAtLoad.*"}, options);
+        ASSERT_TRUE(child.started()) << child.why();
+        const auto report = child.waitForLine([](const std::string& l) { return l.starts_with("at load: "); },
+                                              test::after(20));
+        ASSERT_TRUE(report.has_value()) << testing::PrintToString(child.lines());
+        EXPECT_EQ(*report, optOut ? "at load: not started, level 7" : "at load: started, level 3");
+        EXPECT_EQ(child.wait(test::after(20)), 0);
+        const bool saidDisabled = std::ranges::any_of(
+            child.lines(), [](const std::string& l) { return l.ends_with("Logging now: Disabled"); });
+        EXPECT_EQ(saidDisabled, !optOut);
+    }
 }
 
 // ---- Tables and masks.
@@ -212,6 +249,15 @@ TEST_F(LoggingSetterTest, SwitchingStoresMovesTheObserversBeforeTheOldStoreEnds)
     EXPECT_EQ(center_->observerCount(), 1u);
     // The persistent store hears nothing of Logging any more.
     UserDefaults::standardUserDefaults()->setInteger(4, "sharedLoggingLevel");
+    EXPECT_EQ(sharedLogLevel.load(), kLogLevelWarning);
+
+    // The memory store's map is live: pushes read a copy taken under its lock
+    // while another thread writes into it.
+    std::thread writer([&] {
+        for (int i = 0; i < 2000; ++i) memory->setObject(Value(i), qrl::format("key%d", i));
+    });
+    for (int i = 0; i < 200; ++i) logging->pushPreferencesLoggingLevelsToLogger();
+    writer.join();
     EXPECT_EQ(sharedLogLevel.load(), kLogLevelWarning);
 }
 

@@ -8,9 +8,11 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <chrono>
 #include <optional>
 #include <regex>
 #include <string>
+#include <vector>
 
 #include "logging/CapturingLogger.h"
 #include "qrl/foundation/PlatformLog.h"
@@ -37,9 +39,9 @@ public:
     bool bound() const { return bound_; }
 
     // The next datagram, waiting up to ten seconds; nullopt if none came.
-    std::optional<std::string> receive() const {
+    std::optional<std::string> receive(int waitMilliseconds = 10000) const {
         pollfd p{socket_.get(), POLLIN, 0};
-        if (::poll(&p, 1, 10000) <= 0) return std::nullopt;
+        if (::poll(&p, 1, waitMilliseconds) <= 0) return std::nullopt;
         std::string buffer(70000, '\0');
         const ssize_t n = ::recv(socket_.get(), buffer.data(), buffer.size(), 0);
         if (n < 0) return std::nullopt;
@@ -108,11 +110,51 @@ TEST_F(QRLASLLoggerTest, AMissingDaemonIsReportedOnceAndFoundAgain) {
         ASSERT_TRUE(datagram.has_value());
         EXPECT_TRUE(datagram->ends_with(": first heard")) << *datagram;
     }
-    // The daemon went away: the next message is lost and said so, once more.
+    // Back, it says what was lost meanwhile; gone again, the next message is
+    // lost and said so, once more.
     logAt(3, 2, "lost");
     logAt(3, 2, "lost too");
     QRLLog::flushLog();
-    EXPECT_EQ(platform.lines().size(), 2u);
+    ASSERT_EQ(platform.lines().size(), 3u);
+    EXPECT_NE(platform.lines()[1].find("5 messages were dropped"), std::string::npos) << platform.lines()[1];
+}
+
+// A daemon that stops reading costs one short wait; later messages are
+// dropped at once until it reads again, and then the count is told.
+TEST_F(QRLASLLoggerTest, AReaderThatStopsReadingIsNeverWaitedForAgain) {
+    Daemon daemon(path_);
+    ASSERT_TRUE(daemon.bound());
+    std::vector<std::string> reports;
+    detail::SyslogClient::Options options;
+    options.socketPath = path_;
+    options.report = [&](std::string_view line) { reports.emplace_back(line); };
+    detail::SyslogClient client(options);
+    const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(2);
+    int sent = 0;
+    for (; sent < 1000 && std::chrono::steady_clock::now() < until; ++sent) client.send(5, Date::now(), "flood");
+    EXPECT_EQ(sent, 1000);
+    const std::size_t dropped = client.droppedCount();
+    EXPECT_GT(dropped, 0u);
+    ASSERT_EQ(reports.size(), 1u);
+    EXPECT_NE(reports[0].find("reads no more messages"), std::string::npos) << reports[0];
+
+    while (daemon.receive(0)) {
+    }
+    client.send(5, Date::now(), "read again");
+    ASSERT_EQ(reports.size(), 2u);
+    EXPECT_NE(reports[1].find(std::to_string(dropped) + " messages were dropped"), std::string::npos) << reports[1];
+    EXPECT_EQ(client.droppedCount(), 0u);
+}
+
+TEST_F(QRLASLLoggerTest, ThePlatformLogReachesTheSystemLogToo) {
+    Daemon daemon(path_);
+    ASSERT_TRUE(daemon.bound());
+    const std::string previous = setPlatformSystemLogSocket(path_);
+    platformLog("told on the platform log");
+    setPlatformSystemLogSocket(previous);
+    const auto datagram = daemon.receive();
+    ASSERT_TRUE(datagram.has_value());
+    EXPECT_TRUE(std::regex_match(*datagram, std::regex(headerPattern("13") + "told on the platform log"))) << *datagram;
 }
 
 TEST_F(QRLASLLoggerTest, ALongMessageArrivesWholeInSeveralDatagrams) {

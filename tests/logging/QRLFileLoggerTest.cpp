@@ -1,9 +1,11 @@
 #include "qrl/logging/QRLFileLogger.h"
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
 #include <algorithm>
 #include <cmath>
+#include <csignal>
 #include <map>
 #include <mutex>
 #include <regex>
@@ -184,6 +186,30 @@ TEST_F(FileLoggerTest, NothingIsLostAcrossSizeRolls) {
     EXPECT_GT(files.size(), 10u);
     ASSERT_EQ(seen.size(), static_cast<size_t>(kThreads * kPerThread));
     for (const auto& [line, count] : seen) EXPECT_EQ(count, 1) << line;
+}
+
+// A file-size limit lets a line in only partly: the part is cut off again,
+// and the next line starts a line of its own.
+TEST_F(FileLoggerTest, ALineIsWholeInTheFileOrAbsent) {
+    const auto write = [&](std::string text) {
+        logger_->logMessage(QRLLogMessage(std::move(text), 7, 4, 1, __FILE__, __func__, __LINE__));
+    };
+    write("first");
+    CapturedPlatformLog platform;
+    rlimit saved{};
+    ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &saved), 0);
+    const auto previousHandler = ::signal(SIGXFSZ, SIG_IGN);
+    rlimit small = saved;
+    small.rlim_cur = 16;  // "first\n" and ten bytes more
+    ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &small), 0);
+    write(std::string(100, 'x'));
+    ::setrlimit(RLIMIT_FSIZE, &saved);
+    ::signal(SIGXFSZ, previousHandler);
+    write("last");
+    const auto files = filesOf(*manager_);
+    ASSERT_EQ(files.size(), 1u);
+    EXPECT_EQ(files[0].text, "first\nlast\n");
+    EXPECT_EQ(platform.countContaining("Error writing to log file"), 1u);
 }
 
 TEST_F(FileLoggerTest, AMaximumBelowThePresentSizeRollsAtOnce) {

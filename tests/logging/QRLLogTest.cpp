@@ -90,14 +90,17 @@ TEST_P(Engine, EveryLoggerSeesOneOrderAndEachThreadsOwnOrder) {
         }
 }
 
-TEST_P(Engine, TheThousandAndFirstCallerWaitsUntilAMessageIsDelivered) {
+TEST_P(Engine, TheThousandAndFirstCallerGoesOnAfterExactlyOneDelivery) {
     auto holder = makeLogger("test.holder");
-    std::latch entered(1), released(1);
-    holder->onMessage = [&, first = true](const QRLLogMessage&) mutable {
-        if (!first) return;
-        first = false;
-        entered.count_down();
-        released.wait();
+    std::latch entered(1), firstReleased(1), restReleased(1);
+    holder->onMessage = [&, n = 0](const QRLLogMessage&) mutable {
+        if (n == 0) {
+            entered.count_down();
+            firstReleased.wait();
+        } else if (n == 1) {
+            restReleased.wait();
+        }
+        ++n;
     };
     ScopedLogger scope(holder);
     logInfo("m%d", 0);
@@ -111,14 +114,20 @@ TEST_P(Engine, TheThousandAndFirstCallerWaitsUntilAMessageIsDelivered) {
         returned = true;
     });
     // One more than the room: the late caller is waiting for it.
-    const auto until = std::chrono::steady_clock::now() + kDeadline;
+    auto until = std::chrono::steady_clock::now() + kDeadline;
     while (QRLLog::pendingMessageCount() != 1001 && std::chrono::steady_clock::now() < until) std::this_thread::yield();
     const bool waiting = QRLLog::pendingMessageCount() == 1001;
     const bool returnedWhileHeld = returned.load();
-    released.count_down();
+    // One message delivered (the next one is held): one in, one out.
+    firstReleased.count_down();
+    until = std::chrono::steady_clock::now() + kDeadline;
+    while (!returned && std::chrono::steady_clock::now() < until) std::this_thread::yield();
+    const bool returnedAfterOne = returned.load();
+    restReleased.count_down();
     late.join();
     EXPECT_TRUE(waiting);
     EXPECT_FALSE(returnedWhileHeld);
+    EXPECT_TRUE(returnedAfterOne);
     QRLLog::flushLog();
     const Strings seen = holder->texts();
     ASSERT_EQ(seen.size(), 1001u);

@@ -2,6 +2,7 @@
 // boundaries, escapes and surrogate folding, and the error trace with its
 // chain of underlying errors.
 #include "qrl/net/QRLJsonParser.h"
+#include "qrl/net/QRLJsonWriter.h"
 
 #include <gtest/gtest.h>
 
@@ -282,12 +283,29 @@ TEST(QRLJsonParser, NestingLimit) {
     EXPECT_TRUE(parser.objectWithString(opening).isNull());
     EXPECT_EQ(parser.errorTrace().front()->code(), 7);
 
-    // Without a limit the supported depth still holds.
+}
+
+// Without a limit any depth is read, written and freed: each keeps its own
+// stack, so a million levels do not exhaust the thread's.
+TEST(QRLJsonParser, WithoutALimitAMillionLevelsAreReadWrittenAndFreed) {
+    constexpr size_t kLevels = 1'000'000;
+    const std::string text = std::string(kLevels, '[') + std::string(kLevels, ']');
+    QRLJsonParser parser;
     parser.setMaxDepth(0);
-    EXPECT_TRUE(parser.objectWithString(nested(513)).isArray());
-    EXPECT_TRUE(parser.objectWithString(nested(QRLJsonBase::kSupportedDepth)).isArray());
-    EXPECT_TRUE(parser.objectWithString(opening).isNull());
-    EXPECT_EQ(parser.errorTrace().size(), QRLJsonBase::kSupportedDepth + 1);
+    Value document = parser.objectWithString(text);
+    ASSERT_TRUE(document.isArray());
+    QRLJsonWriter writer;
+    writer.setMaxDepth(0);
+    EXPECT_EQ(writer.stringWithObject(document), text);
+    document = Value();
+
+    // A failure that deep is told at every level, and its chain of errors,
+    // held by the caller, is freed as well.
+    std::shared_ptr<Error> error;
+    EXPECT_TRUE(parser.objectWithString(std::string(kLevels, '['), &error).isNull());
+    EXPECT_EQ(parser.errorTrace().size(), kLevels);
+    parser.clearErrorTrace();
+    error.reset();
 }
 
 }  // namespace

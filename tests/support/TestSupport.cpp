@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <thread>
 
 #include "qrl/timing/TimeUtilities.h"
 
@@ -13,6 +14,19 @@ ScopedSimulatedClock::ScopedSimulatedClock(double frequency, uint64_t start)
 }
 
 ScopedSimulatedClock::~ScopedSimulatedClock() { qrl_install_clock(previous_); }
+
+bool ScopedSimulatedClock::wakeSleepersUntil(const std::function<bool()>& done, std::chrono::milliseconds limit) {
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    while (!done()) {
+        if (std::chrono::steady_clock::now() >= deadline) return false;
+        if (const auto wakeUp = clock_->nextWakeUp(); wakeUp && *wakeUp > clock_->now()) {
+            clock_->advanceTo(*wakeUp);
+        } else {
+            std::this_thread::yield();
+        }
+    }
+    return true;
+}
 
 CapturedPlatformLog::CapturedPlatformLog() {
     previous_ = setPlatformLogWriter([this](std::string_view line) {

@@ -4,7 +4,9 @@
 // allocations.
 #pragma once
 
+#include <chrono>
 #include <cstddef>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -28,6 +30,11 @@ public:
 
     SimulatedClock& clock() { return *clock_; }
     std::shared_ptr<SimulatedClock> shared() const { return clock_; }
+    // Moves the clock to each sleeping thread's wake-up time, and nowhere
+    // else, until done() holds; false if it does not within `limit` of real
+    // time.
+    bool wakeSleepersUntil(const std::function<bool()>& done,
+                           std::chrono::milliseconds limit = std::chrono::seconds(20));
 
 private:
     std::shared_ptr<SimulatedClock> clock_;

@@ -2,8 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cmath>
 #include <random>
+#include <thread>
 
 #include "qrl/foundation/Bundle.h"
 #include "qrl/foundation/NotificationCenter.h"
@@ -106,7 +108,15 @@ TEST_F(UtilsOnScreens, WakingASleepingDisplay) {
             displays_->postScreenParametersChanged();
         }
     });
-    { DisplaysScreenEnvironment screens(provider); Utils::wakeUpIfASleep(screens); }
+    // The waiting sleeps on the simulated clock, which only this thread moves.
+    std::atomic<bool> woken{false};
+    std::thread waker([&] {
+        DisplaysScreenEnvironment screens(provider);
+        Utils::wakeUpIfASleep(screens);
+        woken = true;
+    });
+    EXPECT_TRUE(clock_.wakeSleepersUntil([&] { return woken.load(); }));
+    waker.join();
     EXPECT_EQ(log.count("Waiting for display to wake up..."), 2u);
     EXPECT_EQ(clock_.clock().now() - t0, static_cast<uint64_t>(2 * 24'000'000));
 

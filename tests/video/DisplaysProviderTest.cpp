@@ -86,9 +86,9 @@ TEST_F(DisplaysProviderTest, BuildOnAMixedPlatform) {
     EXPECT_EQ(c.get("height"), Value(1152));
     EXPECT_EQ(provider->stateForDisplayWithID(Value(static_cast<int32_t>(0x80000005u))), maps[2]);
 
-    // A card failure keeps the display, with the localized text.
-    EXPECT_EQ(maps[3]->get("card"), Value("Unable to get graphics card name"));
-    EXPECT_EQ(maps[3]->get("canCreateContextOnCard"), Value(false));
+    // A renderer that names nothing gives empty text, not a failure.
+    EXPECT_EQ(maps[3]->get("card"), Value(""));
+    EXPECT_EQ(maps[3]->get("canCreateContextOnCard"), Value(true));
 
     // The unmatched display is dropped with its warning; the software-only one silently.
     EXPECT_EQ(log_->count("Error getting information for display 4, couldn't match it to a known screen device",
@@ -101,7 +101,7 @@ TEST_F(DisplaysProviderTest, BuildOnAMixedPlatform) {
     const auto cards = provider->graphicsCardsByRenderID();
     ASSERT_EQ(cards.size(), 2u);
     EXPECT_EQ(cards[0]->get("name"), Value("Acme GX"));
-    EXPECT_EQ(cards[1]->get("name"), Value("Unable to get graphics card name"));
+    EXPECT_EQ(cards[1]->get("name"), Value(""));
     EXPECT_EQ(provider->firstGraphicsCardRendererID(), Value(0x1000));
     EXPECT_EQ(provider->cardNameForRendererID(Value(0x1000)), "Acme GX");
     EXPECT_EQ(provider->cardNameForRendererID(Value(0x9999)), "Unknown");
@@ -115,6 +115,14 @@ TEST_F(DisplaysProviderTest, BuildOnAMixedPlatform) {
     EXPECT_EQ(menu[1]->get("name"), Value("Display 2, 1280 x 800"));
     EXPECT_EQ(provider->allScreensFrameOrCapturedArea(), NSMakeRect(-1024, 0, 3744, 1500));
     EXPECT_EQ(provider->mainDisplay(), NSMakeRect(0, 0, 1440, 900));
+
+    // A card that cannot be asked keeps its display, with the localized text.
+    renderers_->failChoosePixelFormat(kCGLBadPixelFormat);
+    provider->refreshCachedDisplays();
+    const auto failed = provider->metadataForAllConnectedDisplays();
+    ASSERT_EQ(failed.size(), 4u);
+    EXPECT_EQ(failed[3]->get("card"), Value("Unable to get graphics card name"));
+    EXPECT_EQ(failed[3]->get("canCreateContextOnCard"), Value(false));
 }
 
 TEST_F(DisplaysProviderTest, MoreThanThirtyTwoDisplaysAreCutAndRefreshEveryTick) {
@@ -247,6 +255,26 @@ TEST_F(DisplaysProviderTest, FailedDisplayListAnswersEmptyUntilTheNextRefresh) {
     EXPECT_EQ(displays_->counters().activeListQueries, queries);
     provider->refreshCachedDisplays();
     EXPECT_EQ(provider->displayCount(), 2);
+}
+
+TEST_F(DisplaysProviderTest, AnExceptionLeavesTheRefreshGuardSetForGood) {
+    auto provider = twoDisplays();
+    Posts posts(*this);
+    int didChange = 0;
+    provider->addObserver("monitoredDisplays", [&](std::string_view, const KeyValueChange& change) {
+        if (!change.isPrior) ++didChange;
+    }, NSKeyValueObservingOptionPrior);
+    // An observer of the list change throws: the exception goes on, the
+    // did-change event is not sent and the guard stays set.
+    const auto thrower = center_.addObserver(kDPNDisplayListChanged, nullptr,
+                                             [](const Notification&) { throw std::runtime_error("observer"); });
+    EXPECT_THROW(provider->resetDisplays(nullptr), std::runtime_error);
+    center_.removeObserver(thrower);
+    EXPECT_EQ(didChange, 0);
+    log_->clear();
+    provider->refreshCachedDisplays();
+    EXPECT_EQ(log_->count("Refresh already in progress, ignoring..."), 1);
+    EXPECT_EQ(posts.times.size(), 1u);
 }
 
 }  // namespace

@@ -209,11 +209,9 @@ TEST_F(OpenGLContextManagerTest, LeakReportWaitsForOwnerAndTextureManager) {
     manager();
     auto extra = manager_;  // a third holder, as a leaked reference would be
     manager_->beginReportingLeakedResources();
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    const auto waitUntil = [&](const std::function<bool()>& done) {
-        while (!done() && std::chrono::steady_clock::now() < deadline) std::this_thread::yield();
-        return done();
-    };
+    // The report sleeps 3 s between looks on the simulated clock: it waits
+    // for the clock, which moves only to its wake-up times.
+    const auto waitUntil = [&](const std::function<bool()>& done) { return clock_.wakeSleepersUntil(done); };
     const auto waitFor = [&](const std::string& prefix) {
         return waitUntil([&] { return log_->countStartingWith(prefix) > 0; });
     };

@@ -51,9 +51,17 @@ void SimulatedClock::waitUntil(uint64_t ticks) {
     waiters_.fetch_add(1, std::memory_order_seq_cst);
     {
         std::unique_lock lock(mutex_);
+        const auto wakeUp = wakeUps_.insert(ticks);
         moved_.wait(lock, [&] { return now_.load(std::memory_order_seq_cst) >= ticks; });
+        wakeUps_.erase(wakeUp);
     }
     waiters_.fetch_sub(1, std::memory_order_seq_cst);
+}
+
+std::optional<uint64_t> SimulatedClock::nextWakeUp() const {
+    std::lock_guard lock(mutex_);
+    if (wakeUps_.empty()) return std::nullopt;
+    return *wakeUps_.begin();
 }
 
 void SimulatedClock::advanceSeconds(double seconds) {

@@ -8,6 +8,8 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <optional>
+#include <set>
 
 namespace qrl {
 
@@ -59,6 +61,9 @@ public:
     void setNow(uint64_t ticks);
     // Waits, without moving the clock, until another thread moves it there.
     void waitUntil(uint64_t ticks) override;
+    // The earliest time a thread waits for, if one waits: what a test moves
+    // the clock to, to let sleepers go on.
+    std::optional<uint64_t> nextWakeUp() const;
 
 private:
     void wakeWaiters();
@@ -66,8 +71,9 @@ private:
     double frequency_;
     std::atomic<uint64_t> now_;
     std::atomic<int> waiters_{0};
-    std::mutex mutex_;
+    mutable std::mutex mutex_;
     std::condition_variable moved_;
+    std::multiset<uint64_t> wakeUps_;  // guarded by mutex_
 };
 
 // The installed clock. Starts as a MonotonicClock. Installing is meant for
