@@ -236,10 +236,7 @@ const Value* QRLJsonWriter::nextValue(jsontext::Output& out, bool& failed) {
     while (!frames_.empty()) {
         Frame& frame = frames_.back();
         if (frame.kind == Frame::Kind::Proxy) {
-            // What the proxy stood in with is written: so is the object.
-            leaveProxy();
-            proxies_.pop_back();
-            frames_.pop_back();
+            popFrame();  // what the proxy stood in with is written: so is the object
             continue;
         }
         if (frame.next < frame.count) {
@@ -249,10 +246,7 @@ const Value* QRLJsonWriter::nextValue(jsontext::Output& out, bool& failed) {
             if (frame.kind == Frame::Kind::Array) return &(*static_cast<const Array*>(frame.container))[i];
             if (!appendString(keyAt(frame, i), out)) {
                 entryFailed(nullptr);
-                // The dictionary itself failed; its entry adds nothing more.
-                if (sortKeys_) sorted_.resize(frame.sortedMark);
-                if (!open_.empty()) open_.erase(frame.container);
-                frames_.pop_back();
+                popFrame();  // the dictionary itself failed; its entry adds nothing more
                 failed = true;
                 return nullptr;
             }
@@ -264,33 +258,34 @@ const Value* QRLJsonWriter::nextValue(jsontext::Output& out, bool& failed) {
             return &entryValueAt(frame, i);
         }
         leaveContainer();
-        if (!open_.empty()) open_.erase(frame.container);
-        const bool dictionary = frame.kind == Frame::Kind::Dictionary;
         if (humanReadable_ && frame.count > 0) indent(out);
-        out.put(dictionary ? '}' : ']');
-        if (dictionary && sortKeys_) sorted_.resize(frame.sortedMark);
-        frames_.pop_back();
+        out.put(frame.kind == Frame::Kind::Dictionary ? '}' : ']');
+        popFrame();
     }
     return nullptr;
+}
+
+void QRLJsonWriter::popFrame() {
+    const Frame& frame = frames_.back();
+    if (frame.kind == Frame::Kind::Proxy) {
+        leaveProxy();
+        proxies_.pop_back();
+    } else {
+        if (frame.kind == Frame::Kind::Dictionary && sortKeys_) sorted_.resize(frame.sortedMark);
+        if (!open_.empty()) open_.erase(frame.container);
+    }
+    frames_.pop_back();
 }
 
 // Like the failure of a nested call: the containers it crosses stay counted
 // in depth, as a failure ends their writing before they close.
 bool QRLJsonWriter::unwindFailure() {
     while (!frames_.empty()) {
-        Frame& frame = frames_.back();
-        if (frame.kind == Frame::Kind::Proxy) {
-            leaveProxy();
-            proxies_.pop_back();
-            frames_.pop_back();
-            return true;
-        }
-        if (frame.kind == Frame::Kind::Dictionary) {
-            entryFailed(&keyAt(frame, frame.next - 1));
-            if (sortKeys_) sorted_.resize(frame.sortedMark);
-        }
-        if (!open_.empty()) open_.erase(frame.container);
-        frames_.pop_back();
+        const Frame& frame = frames_.back();
+        const bool proxy = frame.kind == Frame::Kind::Proxy;
+        if (frame.kind == Frame::Kind::Dictionary) entryFailed(&keyAt(frame, frame.next - 1));
+        popFrame();
+        if (proxy) return true;
     }
     return false;
 }

@@ -64,6 +64,9 @@ private:
     // error, as far as the nearest proxy, which counts as written. False when
     // no proxy stops it.
     bool unwindFailure();
+    // Takes the innermost frame off, with what it holds (a proxy's value, a
+    // sorted dictionary's entries, its place among the open containers).
+    void popFrame();
     [[gnu::noinline, gnu::cold]] bool entryFailed(const std::string* key);
     bool appendString(std::string_view text, jsontext::Output& out);
 
