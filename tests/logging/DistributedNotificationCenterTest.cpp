@@ -181,14 +181,16 @@ TEST_F(DistributedNotificationCenterTest, ObserversMayRemoveEachOtherAndAFailing
 // not wait for that callback; the removal stops every later call.
 TEST_F(DistributedNotificationCenterTest, RemovalNeverWaitsForARunningCallback) {
     auto center = Sim::create(RunLoop::main());
-    std::timed_mutex factoryLock;
+    std::mutex factoryLock;
     std::latch lockHeld(1), callbackRunning(1);
     std::atomic<int> calls{0};
     bool callbackGotTheLock = false;
     const auto token = center->addObserver(nullptr, "n", std::nullopt, [&](const DistributedNotification&) {
         ++calls;
         callbackRunning.count_down();
-        callbackGotTheLock = factoryLock.try_lock_for(std::chrono::seconds(10));
+        const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+        while (!(callbackGotTheLock = factoryLock.try_lock()) && std::chrono::steady_clock::now() < until)
+            std::this_thread::yield();
         if (callbackGotTheLock) factoryLock.unlock();
     });
     std::thread remover([&] {

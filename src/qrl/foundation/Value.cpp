@@ -266,35 +266,51 @@ namespace {
 // would do so one stack frame per level. Past kTeardownRecursion levels on a
 // thread, containers are handed to the outermost teardown instead, which
 // destroys them one after another: any depth is freed in bounded stack.
-constexpr int kTeardownRecursion = 64;
-thread_local int tTeardownDepth = 0;
-thread_local std::vector<Value>* tTeardownLater = nullptr;
+constexpr int kTeardownRecursion = 256;  // a few hundred bytes of stack a level
+struct Teardown {
+    int depth = 0;
+    std::vector<Value>* later = nullptr;  // the outermost teardown's list
+};
+// Initial-exec: one load off the thread pointer, on every container freed.
+[[gnu::tls_model("initial-exec")]] thread_local Teardown tTeardown;
 
 }  // namespace
 
 void Value::destroyContainer() noexcept {
-    if (tTeardownDepth >= kTeardownRecursion && tTeardownLater != nullptr) {
+    Teardown& t = tTeardown;
+    if (t.later != nullptr && t.depth < kTeardownRecursion) [[likely]] {
+        ++t.depth;
+        releaseContainer();
+        --t.depth;
+        return;
+    }
+    destroyContainerFromTheTopOrLater();
+}
+
+void Value::destroyContainerFromTheTopOrLater() noexcept {
+    Teardown& t = tTeardown;
+    if (t.later != nullptr) {
         try {
-            tTeardownLater->push_back(std::move(*this));  // leaves this null
+            t.later->push_back(std::move(*this));  // leaves this null
             return;
         } catch (...) {
             // No memory for the list: destroy it here after all.
+            ++t.depth;
+            releaseContainer();
+            --t.depth;
+            return;
         }
     }
-    ++tTeardownDepth;
-    if (tTeardownLater != nullptr) {
-        releaseContainer();
-    } else {
-        std::vector<Value> later;
-        tTeardownLater = &later;
-        releaseContainer();
-        while (!later.empty()) {
-            Value next = std::move(later.back());
-            later.pop_back();
-        }
-        tTeardownLater = nullptr;
+    std::vector<Value> later;
+    t.later = &later;
+    ++t.depth;
+    releaseContainer();
+    while (!later.empty()) {
+        Value next = std::move(later.back());
+        later.pop_back();
     }
-    --tTeardownDepth;
+    --t.depth;
+    t.later = nullptr;
 }
 
 void Value::releaseContainer() noexcept {

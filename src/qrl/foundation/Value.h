@@ -240,6 +240,7 @@ private:
     }
     void destroyHeld() noexcept;
     void destroyContainer() noexcept;  // bounded stack at any depth
+    [[gnu::noinline]] void destroyContainerFromTheTopOrLater() noexcept;
     void releaseContainer() noexcept;
 
     union Storage {

@@ -117,6 +117,16 @@ bool QRLJsonWriter::appendValue(const Value& value, jsontext::Output& out) {
             continue;
         }
         if (step == Step::Failed && !unwindFailure()) return false;
+        if (step == Step::Written && !frames_.empty()) {
+            // Most values are elements of arrays: the next one comes straight from here.
+            Frame& top = frames_.back();
+            if (top.kind == Frame::Kind::Array && top.next < top.count) {
+                out.put(',');
+                if (humanReadable_) indent(out);
+                next = &(*static_cast<const Array*>(top.container))[top.next++];
+                continue;
+            }
+        }
         bool failed = false;
         next = nextValue(out, failed);
         while (failed) {
