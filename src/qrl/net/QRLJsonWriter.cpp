@@ -107,37 +107,6 @@ void QRLJsonWriter::indent(jsontext::Output& out) const {
     out.advance(spaces + 1);
 }
 
-bool QRLJsonWriter::appendValue(const Value& value, jsontext::Output& out) {
-    frames_.clear();
-    const Value* next = &value;
-    for (;;) {
-        const Step step = openValue(*next, out);
-        if (step == Step::Substituted) {
-            next = &proxies_.back();
-            continue;
-        }
-        if (step == Step::Failed && !unwindFailure()) return false;
-        if (step == Step::Written && !frames_.empty()) {
-            // Most values are elements of arrays: the next one comes straight from here.
-            Frame& top = frames_.back();
-            if (top.kind == Frame::Kind::Array && top.next < top.count) {
-                out.put(',');
-                if (humanReadable_) indent(out);
-                next = &(*static_cast<const Array*>(top.container))[top.next++];
-                continue;
-            }
-        }
-        bool failed = false;
-        next = nextValue(out, failed);
-        while (failed) {
-            if (!unwindFailure()) return false;
-            failed = false;
-            next = nextValue(out, failed);
-        }
-        if (next == nullptr) return true;
-    }
-}
-
 // The common kinds are written here; everything that can fail or call out
 // lives in openOther.
 QRLJsonWriter::Step QRLJsonWriter::openValue(const Value& value, jsontext::Output& out) {
@@ -273,6 +242,37 @@ const Value* QRLJsonWriter::nextValue(jsontext::Output& out, bool& failed) {
         popFrame();
     }
     return nullptr;
+}
+
+bool QRLJsonWriter::appendValue(const Value& value, jsontext::Output& out) {
+    frames_.clear();
+    const Value* next = &value;
+    for (;;) {
+        const Step step = openValue(*next, out);
+        if (step == Step::Substituted) {
+            next = &proxies_.back();
+            continue;
+        }
+        if (step == Step::Failed && !unwindFailure()) return false;
+        if (step == Step::Written && !frames_.empty()) {
+            // Most values are elements of arrays: the next one comes straight from here.
+            Frame& top = frames_.back();
+            if (top.kind == Frame::Kind::Array && top.next < top.count) {
+                out.put(',');
+                if (humanReadable_) indent(out);
+                next = &(*static_cast<const Array*>(top.container))[top.next++];
+                continue;
+            }
+        }
+        bool failed = false;
+        next = nextValue(out, failed);
+        while (failed) {
+            if (!unwindFailure()) return false;
+            failed = false;
+            next = nextValue(out, failed);
+        }
+        if (next == nullptr) return true;
+    }
 }
 
 void QRLJsonWriter::popFrame() {

@@ -52,14 +52,14 @@ private:
     enum class Step : uint8_t { Written, Opened, Substituted, Failed };
     // Writes a scalar, or opens a container (pushing its frame), or pushes
     // the value a proxy stands in with (Substituted: it is written next).
-    Step openValue(const Value& value, jsontext::Output& out);
+    inline Step openValue(const Value& value, jsontext::Output& out);
     [[gnu::noinline, gnu::cold]] Step openOther(const Value& value);
     Step openArray(const Array& array, jsontext::Output& out);
     Step openDictionary(const Dictionary& dictionary, jsontext::Output& out);
     // The next value to write inside the innermost frame, closing the frames
     // that are done; null when the whole value is written (or the entry's
     // key failed: *failed is set then).
-    const Value* nextValue(jsontext::Output& out, bool& failed);
+    inline const Value* nextValue(jsontext::Output& out, bool& failed);
     // A failure inside the innermost frame: each enclosing entry adds its
     // error, as far as the nearest proxy, which counts as written. False when
     // no proxy stops it.
