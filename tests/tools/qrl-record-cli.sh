@@ -70,4 +70,34 @@ for size in 96x54 65x37; do
   cmp -s "$work/gpu$size/movie.y4m" "$work/cpu$size/movie.y4m" || fail "the GPU and CPU paths wrote different movies at $size"
   grep -q "converting on the" "$work/gpu.err" || fail "the GPU run did not say how it converts"
 done
+# A private X server: a recording lasts the wall time asked for, and one
+# whose server dies ends with a whole movie of what it recorded and says why.
+frames_of() { # movie width height
+  local header size frame
+  header=$(head -c 200 "$1" | head -n 1); size=$(stat -c %s "$1")
+  frame=$(( $2 * $3 + 2 * (($2 + 1) / 2) * (($3 + 1) / 2) + 6 ))
+  [ $(( (size - ${#header} - 1) % frame )) -eq 0 ] || fail "$1 is not whole frames"
+  echo $(( (size - ${#header} - 1) / frame ))
+}
+if command -v Xvfb >/dev/null; then
+  Xvfb -displayfd 3 -screen 0 321x241x24 -nolisten tcp 3>"$work/xdisplay" 2>/dev/null &
+  xvfb=$!
+  trap 'kill $xvfb 2>/dev/null; chmod -R u+w "$work"; rm -rf "$work"' EXIT
+  for _ in $(seq 100); do [ -s "$work/xdisplay" ] && break; sleep 0.1; done
+  export DISPLAY=:$(cat "$work/xdisplay")
+  begun=$(date +%s%N)
+  "$prog" --platform x11 --gpu off --seconds 2 --fps 20 --out "$work/x11" >/dev/null 2>&1 || fail "X11 recording failed"
+  took=$(( ($(date +%s%N) - begun) / 1000000 ))
+  [ $took -lt 3500 ] || fail "a 2 s recording took $took ms"
+  frames=$(frames_of "$work/x11/movie.y4m" 321 241)
+  [ "$frames" -ge 36 ] && [ "$frames" -le 41 ] || fail "a 2 s recording at 20 fps has $frames frames"
+
+  "$prog" --platform x11 --gpu off --seconds 30 --fps 20 --out "$work/x11-lost" >/dev/null 2>"$work/lost.err" &
+  recorder=$!
+  sleep 1.5; kill $xvfb; wait $xvfb 2>/dev/null
+  wait $recorder; rc=$?
+  [ $rc -eq 1 ] || fail "a recording whose X server died exited $rc, expected 1"
+  grep -q "the recording ends here" "$work/lost.err" || fail "a lost X server was not explained: $(cat "$work/lost.err")"
+  [ "$(frames_of "$work/x11-lost/movie.y4m" 321 241)" -ge 10 ] || fail "the recording before the loss is missing"
+fi
 echo "qrl-record CLI: all checks passed"

@@ -209,6 +209,7 @@ std::unique_ptr<GpuPath> openGpuPath(const RecordOptions& options, const std::sh
 
 struct Tally {
     uint64_t arrived = 0, kept = 0, dropped = 0;
+    uint64_t missed = 0;  // moments passed while the frame before was being made
     int64_t firstMovieTime = 0;
     double lastProgress = -1.0;
 };
@@ -273,6 +274,9 @@ void printSummary(const RecordOptions& options, const FrameTimeOrganizer& organi
     std::printf("  dropped     %llu\n", static_cast<unsigned long long>(t.dropped));
     std::printf("  duplicated  %llu  (extra copies that hold the time line across late frames)\n",
                 static_cast<unsigned long long>(frames - t.kept));
+    if (t.missed > 0)
+        std::printf("  missed      %llu  (moments that passed while the frame before was being made)\n",
+                    static_cast<unsigned long long>(t.missed));
     std::printf("  duration    %.3f s, %llu frames\n", movieSeconds, static_cast<unsigned long long>(frames));
     std::printf("  effective   %.2f fps of fresh frames\n", movieSeconds > 0 ? static_cast<double>(t.kept) / movieSeconds : 0.0);
     std::printf("  files       %s, %s\n", moviePath.c_str(), timelinePath.c_str());
@@ -373,18 +377,28 @@ int runX11(const RecordOptions& options) {
     const double interval = 1.0 / options.fps;
     const uint64_t start = qrl_useconds();
     const double frequency = static_cast<double>(QRL_USECONDS_TIMESCALE);
+    const auto elapsed = [&] { return static_cast<double>(qrl_useconds() - start) / frequency; };
     Tally tally;
     std::string ended;
+    bool failed = false;
+    // Frames are due every 1/fps of wall time, for --seconds of wall time. A
+    // moment that passed while the frame before was being made is skipped and
+    // counted: the recording keeps real time and ends when it was asked to.
     for (uint64_t n = 0; !gInterrupted.load(); ++n) {
-        const double due = static_cast<double>(n) * interval;
-        if (due >= options.seconds) break;
-        // Wait for the frame's moment, letting the run loop deliver the display server's news meanwhile.
-        const double now = static_cast<double>(qrl_useconds() - start) / frequency;
-        if (due > now) RunLoop::main().runFor(due - now);
+        const double now = elapsed();
+        if (now >= options.seconds) break;
+        if (const double due = static_cast<double>(n) * interval; due > now) {
+            // Wait for the frame's moment, letting the run loop deliver the display server's news meanwhile.
+            RunLoop::main().runFor(due - now);
+            if (gInterrupted.load()) break;
+        } else if (const auto current = static_cast<uint64_t>(now / interval); current > n) {
+            tally.missed += current - n;
+            n = current;
+        }
         const ScreenCapture::Result status = capture->capture();
         if (status != ScreenCapture::Result::Captured) {
             ended = capture->failure();
-            if (status == ScreenCapture::Result::Failed) throw std::runtime_error("capture failed: " + ended);
+            failed = status == ScreenCapture::Result::Failed;
             break;
         }
         DisplayFrame frame;
@@ -402,14 +416,15 @@ int runX11(const RecordOptions& options) {
         });
         progress(options, tally, seconds, false);
     }
-    progress(options, tally, static_cast<double>(qrl_useconds() - start) / frequency, true);
+    progress(options, tally, std::min(elapsed(), options.seconds), true);
+    // What was recorded is kept, whatever ended the recording.
     if (!ended.empty()) std::fprintf(stderr, "qrl-record: %s; the recording ends here\n", ended.c_str());
     gpu.reset();
     movie.finish();
     timeline.finish();
     provider->stopMonitoringForCapturedDisplay();
     printSummary(options, organizer, movie, tally, moviePath, timelinePath);
-    return 0;
+    return failed ? 1 : 0;
 }
 
 }  // namespace
@@ -436,6 +451,7 @@ int main(int argc, char** argv) {
     action.sa_handler = onInterrupt;
     sigaction(SIGINT, &action, nullptr);
     sigaction(SIGTERM, &action, nullptr);
+    sigaction(SIGHUP, &action, nullptr);
     if (options->platform == "x11" && !(std::getenv("DISPLAY") && *std::getenv("DISPLAY"))) {
         std::fprintf(stderr, "qrl-record: --platform x11 needs an X display, and $DISPLAY is not set\n");
         return 2;
