@@ -38,6 +38,21 @@ if [ "$(id -u)" -ne 0 ]; then
   "$prog" --out "$work/locked/out" >/dev/null 2>"$work/err"; rc=$?
   [ $rc -eq 2 ] || fail "unwritable folder: exited $rc, expected 2"
 fi
+# A start that fails leaves no folder it made behind.
+DISPLAY= "$prog" --platform x11 --out "$work/a/b" >/dev/null 2>&1
+[ ! -e "$work/a" ] || fail "a refused start made its folder"
+DISPLAY=:9999 "$prog" --platform x11 --out "$work/c/d" >/dev/null 2>&1; rc=$?
+[ $rc -eq 1 ] || fail "a missing X server: exited $rc, expected 1"
+[ ! -e "$work/c" ] || fail "a failed start left its folder behind"
+# Two recordings into one folder: the second refuses, the first is whole.
+"$prog" --platform sim --seconds 2 --realtime --size 64x36 --out "$work/busy" >/dev/null 2>&1 &
+first=$!
+for _ in $(seq 50); do [ -e "$work/busy/.qrl-record.lock" ] && break; sleep 0.1; done
+"$prog" --platform sim --seconds 1 --size 64x36 --out "$work/busy" >/dev/null 2>"$work/err"; rc=$?
+[ $rc -eq 2 ] && grep -q "another recording" "$work/err" || fail "a second recording into a busy folder: exited $rc"
+wait $first || fail "the first recording into the busy folder failed"
+[ -s "$work/busy/movie.y4m" ] || fail "the first recording lost its movie"
+
 touch "$work/file"
 "$prog" --out "$work/file" >/dev/null 2>"$work/err"; rc=$?
 [ $rc -eq 2 ] || fail "output path that is a file: exited $rc, expected 2"

@@ -11,7 +11,9 @@
 // number of steps. Every arrival gets a row in timeline.csv. A display that
 // changes size or goes away ends the recording with a message and a complete
 // movie.
+#include <fcntl.h>
 #include <signal.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -105,23 +107,67 @@ private:
 };
 
 // Makes the output folder (and its parents) and proves it writable.
-bool prepareOutputFolder(const std::string& dir, std::string& error) {
-    std::error_code ec;
-    std::filesystem::create_directories(dir, ec);
-    if (ec) {
-        error = "cannot make output folder '" + dir + "': " + ec.message();
-        return false;
+// The output folder for the length of a run: made where missing, locked so
+// that a second recording into it refuses rather than writing over this one,
+// and taken away again when the run leaves nothing in it that it made.
+class OutputFolder {
+public:
+    bool open(const std::string& dir, std::string& error) {
+        std::error_code ec;
+        path_ = std::filesystem::absolute(dir, ec).lexically_normal();
+        if (!path_.has_filename()) path_ = path_.parent_path();  // "out/" names "out"
+        for (std::filesystem::path p = path_; p.has_relative_path() && !std::filesystem::exists(p, ec);
+             p = p.parent_path()) {
+            made_ = p;  // the outermost folder this run makes
+        }
+        std::filesystem::create_directories(path_, ec);
+        if (ec) {
+            error = "cannot make output folder '" + dir + "': " + ec.message();
+            return false;
+        }
+        if (!std::filesystem::is_directory(path_, ec)) {
+            error = "output path '" + dir + "' is not a folder";
+            return false;
+        }
+        if (::access(path_.c_str(), W_OK | X_OK) != 0) {
+            error = "cannot write to output folder '" + dir + "': " + std::strerror(errno);
+            return false;
+        }
+        const std::string lockPath = (path_ / kLockName).string();
+        lock_ = ::open(lockPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+        if (lock_ < 0 || ::flock(lock_, LOCK_EX | LOCK_NB) != 0) {
+            error = errno == EWOULDBLOCK ? "another recording is writing into '" + dir + "'"
+                                         : "cannot lock output folder '" + dir + "': " + std::strerror(errno);
+            return false;
+        }
+        return true;
     }
-    if (!std::filesystem::is_directory(dir, ec)) {
-        error = "output path '" + dir + "' is not a folder";
-        return false;
+    ~OutputFolder() {
+        if (made_.empty()) {
+            if (lock_ >= 0) ::close(lock_);
+            return;
+        }
+        // A folder this run made, with nothing in it but the lock: it goes,
+        // with the empty folders above it that the run made too.
+        std::error_code ec;
+        if (lock_ >= 0) {
+            bool onlyTheLock = true;
+            for (const auto& entry : std::filesystem::directory_iterator(path_, ec))
+                onlyTheLock = onlyTheLock && entry.path().filename() == kLockName;
+            if (onlyTheLock && !ec) std::filesystem::remove(path_ / kLockName, ec);
+            ::close(lock_);
+        }
+        for (std::filesystem::path p = path_; std::filesystem::is_empty(p, ec) && !ec; p = p.parent_path()) {
+            std::filesystem::remove(p, ec);
+            if (p == made_) break;
+        }
     }
-    if (::access(dir.c_str(), W_OK | X_OK) != 0) {
-        error = "cannot write to output folder '" + dir + "': " + std::strerror(errno);
-        return false;
-    }
-    return true;
-}
+
+private:
+    static constexpr const char* kLockName = ".qrl-record.lock";
+    std::filesystem::path path_, made_;
+    int lock_ = -1;
+};
 
 // A text file written through the atomic file writer: a stdio stream whose
 // output goes to the writer's temporary file, renamed into place by finish().
@@ -443,7 +489,12 @@ int main(int argc, char** argv) {
         std::fputs(recordUsage(), stdout);
         return 0;
     }
-    if (!prepareOutputFolder(options->out, error)) {
+    if (options->platform == "x11" && !(std::getenv("DISPLAY") && *std::getenv("DISPLAY"))) {
+        std::fprintf(stderr, "qrl-record: --platform x11 needs an X display, and $DISPLAY is not set\n");
+        return 2;
+    }
+    OutputFolder folder;
+    if (!folder.open(options->out, error)) {
         std::fprintf(stderr, "qrl-record: %s\n", error.c_str());
         return 2;
     }
@@ -452,10 +503,6 @@ int main(int argc, char** argv) {
     sigaction(SIGINT, &action, nullptr);
     sigaction(SIGTERM, &action, nullptr);
     sigaction(SIGHUP, &action, nullptr);
-    if (options->platform == "x11" && !(std::getenv("DISPLAY") && *std::getenv("DISPLAY"))) {
-        std::fprintf(stderr, "qrl-record: --platform x11 needs an X display, and $DISPLAY is not set\n");
-        return 2;
-    }
     try {
         return options->platform == "x11" ? runX11(*options) : runSimulated(*options);
     } catch (const std::exception& e) {
