@@ -105,7 +105,7 @@ if command -v Xvfb >/dev/null; then
   took=$(( ($(date +%s%N) - begun) / 1000000 ))
   [ $took -lt 3500 ] || fail "a 2 s recording took $took ms"
   frames=$(frames_of "$work/x11/movie.y4m" 321 241)
-  [ "$frames" -ge 36 ] && [ "$frames" -le 41 ] || fail "a 2 s recording at 20 fps has $frames frames"
+  [ "$frames" -ge 39 ] && [ "$frames" -le 40 ] || fail "a 2 s recording at 20 fps has $frames frames"
 
   "$prog" --platform x11 --gpu off --seconds 30 --fps 20 --out "$work/x11-lost" >/dev/null 2>"$work/lost.err" &
   recorder=$!

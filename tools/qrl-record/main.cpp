@@ -432,8 +432,9 @@ int runX11(const RecordOptions& options) {
     // counted: the recording keeps real time and ends when it was asked to.
     for (uint64_t n = 0; !gInterrupted.load(); ++n) {
         const double now = elapsed();
-        if (now >= options.seconds) break;
-        if (const double due = static_cast<double>(n) * interval; due > now) {
+        const double due = static_cast<double>(n) * interval;
+        if (now >= options.seconds || due >= options.seconds) break;
+        if (due > now) {
             // Wait for the frame's moment, letting the run loop deliver the display server's news meanwhile.
             RunLoop::main().runFor(due - now);
             if (gInterrupted.load()) break;
