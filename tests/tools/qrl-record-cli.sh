@@ -53,6 +53,13 @@ for _ in $(seq 50); do [ -e "$work/busy/.qrl-record.lock" ] && break; sleep 0.1;
 wait $first || fail "the first recording into the busy folder failed"
 [ -s "$work/busy/movie.y4m" ] || fail "the first recording lost its movie"
 
+# A run prints only what was asked for: no notices of the framework on the
+# terminal (they go to the system log; --verbose shows them).
+"$prog" --help >/dev/null 2>"$work/err" || fail "--help failed"
+[ ! -s "$work/err" ] || fail "--help printed on standard error: $(cat "$work/err")"
+"$prog" --platform sim --seconds 1 --size 64x36 --gpu off --out "$work/quiet" >/dev/null 2>"$work/err" || fail "quiet run failed"
+! grep -q "Logging now" "$work/err" || fail "a run printed the framework's notices"
+
 touch "$work/file"
 "$prog" --out "$work/file" >/dev/null 2>"$work/err"; rc=$?
 [ $rc -eq 2 ] || fail "output path that is a file: exited $rc, expected 2"

@@ -476,16 +476,22 @@ int runX11(const RecordOptions& options) {
 
 }  // namespace
 
+// qrl-record starts logging itself, once it has read its options: the
+// framework's own notices ("Logging now: Disabled" among them) then go to the
+// system log, and to the terminal only with --verbose.
+extern "C" const int qrl_host_starts_logging = 1;
+
 int main(int argc, char** argv) {
-    // The stored log options first: levels, domains, the master switch (off
-    // unless the preferences turn it on), the terminal and system-log outputs.
-    qrl::LoggerStart();
     std::string error;
     const auto options = parseRecordOptions(argc, argv, error);
     if (!options) {
         std::fprintf(stderr, "qrl-record: %s\n%s", error.c_str(), recordUsage());
         return 2;
     }
+    if (!options->verbose) setPlatformLogWriter([](std::string_view message) { platformLogToSystemLog(message); });
+    // The stored log options: levels, domains, the master switch (off unless
+    // the preferences turn it on), the terminal and system-log outputs.
+    qrl::LoggerStart();
     if (options->help) {
         std::fputs(recordUsage(), stdout);
         return 0;

@@ -93,6 +93,8 @@ void platformLog(std::string_view message) {
     sendToSystemLog(message);
 }
 
+void platformLogToSystemLog(std::string_view message) { sendToSystemLog(message); }
+
 std::string setPlatformSystemLogSocket(std::string socketPath) {
     SystemLog& s = systemLog();
     std::lock_guard lock(s.mutex);

@@ -28,6 +28,10 @@ void platformLogFormat(std::string_view format, const Args&... args) {
 using PlatformLogWriter = std::function<void(std::string_view message)>;
 PlatformLogWriter setPlatformLogWriter(PlatformLogWriter writer);
 
+// Sends a message to the platform log's system-log copy alone: for a writer
+// that keeps the terminal quiet.
+void platformLogToSystemLog(std::string_view message);
+
 // Where the platform log's system-log copy goes: a datagram socket path;
 // empty sends none. Returns the previous path.
 std::string setPlatformSystemLogSocket(std::string socketPath);

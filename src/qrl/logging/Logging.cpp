@@ -141,6 +141,12 @@ void LoggerStart() {
     Logging::initialize();
 }
 
+// Defined (to anything) by a host program that starts logging itself; left
+// undefined, its address is null.
+extern "C" {
+[[gnu::weak]] extern const int qrl_host_starts_logging;
+}
+
 namespace {
 
 // Runs when the library is loaded, before the host's main() and before any
@@ -148,6 +154,7 @@ namespace {
 // outputs; it does not reach the session bus (changes are broadcast later,
 // from a run loop), so a missing bus never holds loading up.
 [[gnu::constructor]] void startLoggingAtLoad() {
+    if (&qrl_host_starts_logging != nullptr) return;
     const char* optOut = std::getenv("QRL_NO_LOGGER_START");
     if (optOut != nullptr && *optOut != '\0' && std::string_view(optOut) != "0") return;
     LoggerStart();

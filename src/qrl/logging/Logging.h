@@ -55,9 +55,13 @@ void resetLoggingForTesting();
 }
 
 // Starts Logging; later calls do nothing. The library calls it when it is
-// loaded, before any code of the framework can log. A host (or a test) that
-// must set up the bundle facts, the store or the notification centre first
-// sets QRL_NO_LOGGER_START=1 in its environment and calls it itself.
+// loaded, before any code of the framework can log. A host that must set up
+// the bundle facts, the store, the notification centre or the platform log's
+// writer first calls it itself, and says so before it is loaded: either its
+// program defines
+//     extern "C" const int qrl_host_starts_logging = 1;
+// (exported to the library, which looks for it when loaded), or its
+// environment holds QRL_NO_LOGGER_START=1 (tests, benchmarks).
 void LoggerStart();
 
 // One instance per process, made by set-up and kept for the process's life.
