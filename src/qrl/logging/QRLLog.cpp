@@ -14,10 +14,10 @@
 #include "qrl/foundation/Exception.h"
 #include "qrl/foundation/NotificationCenter.h"
 #include "qrl/foundation/PlatformLog.h"
+#include "qrl/foundation/Semaphore.h"
 #include "qrl/foundation/SerialQueue.h"
 #include "qrl/logging/QRLLogMessage.h"
 #include "qrl/logging/QRLLogger.h"
-#include "qrl/logging/detail/MessageRoom.h"
 
 namespace qrl {
 
@@ -57,9 +57,6 @@ namespace {
 using Access = detail::LogMessageAccess;
 
 constexpr long kMaxPendingMessages = 1000;
-// A caller held at the bound goes on as soon as one message has been
-// delivered: one in, one out.
-constexpr long kRoomWakeBatch = 1;
 
 // Depth of engine work on this thread (delivering a message, flushing,
 // changing the logger list). Statements made there must not wait for room,
@@ -146,7 +143,9 @@ uint32_t hostProcessors() {
 struct Engine {
     SerialQueue queue{std::optional<std::string>("tigostu")};
     DispatchGroup group;
-    detail::MessageRoom room{kMaxPendingMessages, kRoomWakeBatch};
+    // One unit a pending message: a caller held at the bound goes on as soon
+    // as one message has been delivered.
+    Semaphore room{kMaxPendingMessages};
     std::atomic<uint32_t> processors{hostProcessors()};
     MessagePool pool;
     const pid_t pid = ::getpid();
@@ -274,14 +273,14 @@ void deliver(Engine& e, QRLLogMessage* m, bool permit) noexcept {
                     [m](const LoggerNode& node) { node.logger->logMessage(*m); });
     }
     e.pool.give(m);
-    if (permit) e.room.give();
+    if (permit) e.room.signal();
 }
 
 void submit(Engine& e, QRLLogMessage* m, bool synchronously) {
     // From inside the engine a wait for room could wait for itself.
     const bool nested = tEngineDepth > 0 || e.queue.isCurrent();
     const bool permit = !nested;
-    if (permit) e.room.take();
+    if (permit) e.room.wait();
     if (synchronously && !nested) {
         try {
             e.queue.sync([&] { deliver(e, m, permit); });
@@ -301,7 +300,7 @@ void submit(Engine& e, QRLLogMessage* m, bool synchronously) {
         } catch (...) {
         }
         e.pool.give(m);
-        if (permit) e.room.give();
+        if (permit) e.room.signal();
     }
 }
 
@@ -466,7 +465,8 @@ uint32_t QRLLog::setNumProcessors(uint32_t count) {
     return engine().processors.exchange(count == 0 ? 1u : count, std::memory_order_relaxed);
 }
 
-long QRLLog::pendingMessageCount() { return engine().room.pending(); }
+// Units taken plus callers waiting for one.
+long QRLLog::pendingMessageCount() { return kMaxPendingMessages - engine().room.value(); }
 
 // ---------------------------------------------------------------- class registry
 
