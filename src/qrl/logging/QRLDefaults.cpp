@@ -1,5 +1,7 @@
 #include "qrl/logging/QRLDefaults.h"
 
+#include <utility>
+
 #include "qrl/foundation/Format.h"
 
 namespace qrl {
@@ -7,8 +9,11 @@ namespace qrl {
 QRLDefaults::~QRLDefaults() = default;
 
 Dictionary QRLDefaults::snapshot() const {
-    const auto values = dictionaryRepresentation();
-    return values ? Dictionary(*values) : Dictionary();
+    auto values = dictionaryRepresentation();
+    if (!values) return Dictionary();
+    // A representation made for this call (the persistent store's) is taken
+    // as it is rather than copied again.
+    return values.use_count() == 1 ? std::move(*values) : Dictionary(*values);
 }
 
 std::string QRLDefaults::description() const {
